@@ -1,0 +1,58 @@
+#pragma once
+// The operator's machine and scale settings, held as text exactly as the settings store
+// keeps them. Numbers are read from them with the leading-number rule (num()).
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veltrin {
+
+struct Settings {
+    // AdressePort: serial port name, stored under the key "Port".
+    std::string AdressePort = "3";
+    // Type_machine: "Laser" for the laser; any other value means the punch.
+    std::string Type_machine = "Laser";
+    // VitesseF / OrigineX: laser feed (mm/min) and homing point to roll X origin (mm).
+    std::string VitesseF = "800";
+    std::string OrigineX = "5";
+    // VitesseF_poin / OrigineX_poin: the same pair for the punch.
+    std::string VitesseF_poin = "8000";
+    std::string OrigineX_poin = "10.5";
+    // Laser_power: laser maximum power, the G-code S value (0..1000).
+    std::string Laser_power = "1000";
+    // Lgponts: length of cardboard left as a bridge, mm.
+    std::string Lgponts = "1.5";
+    // Dist_ponts: distance between bridges, mm.
+    std::string Dist_ponts = "15";
+    // Fourchette ("fork"): width of a travel-optimizing band, mm.
+    std::string Fourchette = "7";
+    // Laser_mode: "M3" constant power, "M4" adaptive power.
+    std::string Laser_mode = "M3";
+    // L_poincon: punch size along the roll (Y), mm.
+    std::string L_poincon = "3";
+    // Gen_entete ("generate header"): "1" writes the homing header into programs.
+    std::string Gen_entete = "1";
+    // Standard: name of the active organ scale.
+    std::string Standard = "Kolby 27-29";
+    // Vitcarton: roll speed through the organ, mm/s.
+    std::string Vitcarton = "60";
+    // Ldecoupe: hole size across the roll, mm.
+    std::string Ldecoupe = "3";
+    // Dist_notes: spacing between track centres, mm.
+    std::string Dist_notes = "4.2";
+    // Talon ("heel"): roll border to the first track's axis, mm.
+    std::string Talon = "6.3";
+    // BassesAF: X size of the four lowest tracks of the 20-note scale, mm.
+    std::string BassesAF = "4";
+    // Learned durations; "999" until first measured.
+    std::string duree_trou_poincon = "999";
+    std::string duree_metre_laser = "999";
+
+    bool isLaser() const { return Type_machine == "Laser"; }
+};
+
+// A settings field read as a number (leading-number rule: "." separator, no number -> 0).
+double num(const std::string& field);
+
+}  // namespace veltrin

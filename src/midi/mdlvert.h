@@ -1,0 +1,34 @@
+#pragma once
+// mdlvert: the MIDI decoder. Vertalen turns a Standard MIDI File (format 0 or 1) into text
+// event lines ("NOTE", "NOOF", "TEMP", ... then "ENDF 9999999" and "HEAD ##10000 ...").
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace veltrin {
+
+struct DecodeOptions {
+    // Forced tempo in beats per minute; 0 uses the file's own tempo events.
+    int forcedTempoBpm = 0;
+    // Honour the sustain pedal (controller 64).
+    bool sustain = false;
+};
+
+struct DecodeResult {
+    // Event lines in the order they were produced (track by track; a NOTE at its note's end).
+    std::vector<std::string> lines;
+    // 0 no error, 1 unexpected end of file, 2 invalid delta-time, 3 running-status error,
+    // 5 no header chunk, 6 no track chunk.
+    int errorCode = 0;
+    // The decoder's message for errorCode (two lines joined by CR LF for codes 1 to 3).
+    std::string errorMessage;
+};
+
+// Vertalen ("convert"): decodes the bytes of the MIDI file at path (the path is only written
+// into the HEAD line). On an error the lines produced before it are kept.
+DecodeResult Vertalen(std::span<const std::uint8_t> bytes, const std::string& path,
+                      const DecodeOptions& options = {});
+
+}  // namespace veltrin
