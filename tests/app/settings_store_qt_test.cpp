@@ -1,0 +1,180 @@
+// The settings round trip through a real QSettings, kept in a configuration folder of this
+// test process.
+
+#include "app/settings_store_qt.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+
+#include <QSettings>
+#include <QString>
+#include <gtest/gtest.h>
+
+#include "app/settings_edit.h"
+#include "app/startup.h"
+#include "settings_test_support.h"
+
+namespace veltrin {
+namespace {
+
+// QSettings caches the configuration path on first use, so XDG_CONFIG_HOME is set during
+// static initialisation, before any test runs.
+const veltrin::testing::TempFolder kConfig("veltrin-config-");
+const bool kConfigSet = setenv("XDG_CONFIG_HOME", kConfig.path().c_str(), 1) == 0;
+
+class SettingsRoundTrip : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(kConfigSet);
+        QSettings(QStringLiteral("Veltrin"), QStringLiteral("Veltrin")).clear();
+    }
+
+    // What a later run of the program finds under "Startup/<key>".
+    static std::string stored(const std::string& key)
+    {
+        QSettings settings(QStringLiteral("Veltrin"), QStringLiteral("Veltrin"));
+        const QString name = QStringLiteral("Startup/") + QString::fromStdString(key);
+        return settings.value(name, QStringLiteral("<missing>")).toString().toStdString();
+    }
+    static std::map<std::string, std::string> storedAll()
+    {
+        std::map<std::string, std::string> all;
+        for (const SettingKey& entry : settingKeys())
+            all[std::string(entry.key)] = stored(std::string(entry.key));
+        return all;
+    }
+    static void store(const char* key, const char* value) { QtSettingsStore().write(key, value); }
+
+    AppState start()
+    {
+        AppState state;
+        Form_Load(state, m_store, {"", documents.path()});
+        return state;
+    }
+    void quit(AppState& state) { quitter_Click(state, m_store); }
+
+    veltrin::testing::TempFolder documents{"veltrin-documents-"};
+    QtSettingsStore m_store;
+};
+
+TEST_F(SettingsRoundTrip, FirstRunUsesTheDefaultsAndQuitStoresThem)
+{
+    AppState first = start();
+    const Settings& s = first.settings;
+    EXPECT_EQ(s.Type_machine + "|" + s.AdressePort + "|" + s.Standard, "Laser|3|Kolby 27-29");
+    EXPECT_EQ(s.Vitcarton + "|" + s.Ldecoupe + "|" + s.Dist_notes + "|" + s.Talon, "60|3|4.2|6.3");
+    EXPECT_EQ(s.duree_trou_poincon + "|" + s.duree_metre_laser, "999|999");
+    EXPECT_EQ(stored("Port"), "<missing>") << "start-up writes nothing";
+
+    quit(first);
+    EXPECT_EQ(stored("Port"), "3");
+    EXPECT_EQ(stored("OrigineX_poin"), "10.5");
+    std::ifstream file(kConfig.path() + "/Veltrin/Veltrin.conf");
+    const std::string content{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_NE(content.find("[Startup]"), std::string::npos) << content;
+}
+
+TEST_F(SettingsRoundTrip, APunchStartShowsThePunchPairAndKeepsTheLaserPair)
+{
+    store("Type_machine", "Punch");
+    const AppState state = start();
+    EXPECT_EQ(dialogVitesseF(state.settings) + "|" + dialogOrigineX(state.settings), "8000|10.5");
+    EXPECT_EQ(state.settings.VitesseF + "|" + state.settings.OrigineX, "800|5");
+}
+
+TEST_F(SettingsRoundTrip, AFileScaleIsSavedUnderTheKolbyKeysForTheNextStart)
+{
+    documents.writeScale("Street", veltrin::testing::kStreetOrgan);
+    store("Standard", "Street");
+    store("Vitcarton", "48");
+    AppState street = start();
+    EXPECT_EQ(street.settings.Vitcarton, "55.5") << "the file, not the stored value";
+    quit(street);
+    EXPECT_EQ(stored("Vitcarton") + "|" + stored("Talon") + "|" + stored("Dist_notes") + "|" +
+                  stored("Ldecoupe"),
+              "55.5|7.25|5|3");
+
+    store("Standard", "Kolby 27-29");
+    const AppState kolby = start();
+    EXPECT_EQ(kolby.settings.Vitcarton + "|" + kolby.settings.Talon + "|" + kolby.settings.Dist_notes,
+              "55.5|7.25|5");
+}
+
+TEST_F(SettingsRoundTrip, QuitWithTheTwentyNoteScaleChangesOnlyTheAFKeys)
+{
+    AppState first = start();
+    quit(first);
+    store("Standard", "Alder Fenn 20");
+    const auto before = storedAll();
+    AppState af = start();
+    af.settings.Vitcarton = "66";
+    quit(af);
+    auto after = storedAll();
+    EXPECT_EQ(after["VitcartonAF"] + "|" + after["LdecoupeAF"] + "|" + after["TalonAF"], "66|4|10");
+    for (const char* key : {"VitcartonAF", "TalonAF", "LdecoupeAF", "Dist_notesAF", "BassesAF"})
+        after[key] = before.at(key);
+    EXPECT_EQ(after, before);
+}
+
+TEST_F(SettingsRoundTrip, AStoredScaleWhoseFileIsGoneLeavesTheFieldsAsTheyWere)
+{
+    store("Standard", "Gone away");
+    store("Talon", "8");
+    const AppState state = start();
+    EXPECT_EQ(state.settings.Talon, "6.3") << "a file scale reads no scale key";
+    EXPECT_EQ(state.scale.nb_notes, OrganScale{}.nb_notes);
+    EXPECT_EQ(state.user_msg_list.text().find("Standard"), std::string::npos);
+}
+
+TEST_F(SettingsRoundTrip, EditsAreSavedAsTheyHappen)
+{
+    AppState state = start();
+    EXPECT_TRUE(changeSetting(state, m_store, "AdressePort", "/dev/ttyUSB0"));
+    EXPECT_EQ(stored("Port"), "/dev/ttyUSB0") << "no quit needed";
+    EXPECT_TRUE(changeSetting(state, m_store, "Laser_power", "1500"));
+    EXPECT_EQ(state.settings.Laser_power + "|" + stored("Laser_power"), "1000|1000");
+    EXPECT_TRUE(changeSetting(state, m_store, "BassesAF", "5"));
+    EXPECT_EQ(stored("BassesAF"), "<missing>") << "only the 20-note scale saves BassesAF";
+    EXPECT_FALSE(changeSetting(state, m_store, "VitcartonAF", "1"));
+
+    // The dialog's one speed/origin pair edits the active machine's pair; a switch of
+    // machine keeps both.
+    VitesseF_Change(state, m_store, "900");
+    changeSetting(state, m_store, "Type_machine", "Punch");
+    EXPECT_EQ(dialogVitesseF(state.settings), "8000");
+    VitesseF_Change(state, m_store, "7000");
+    OrigineX_Change(state, m_store, "12");
+    changeSetting(state, m_store, "Type_machine", "Laser");
+    EXPECT_EQ(dialogVitesseF(state.settings) + "|" + dialogOrigineX(state.settings), "900|5");
+    EXPECT_EQ(stored("VitesseF") + "|" + stored("VitesseF_poin") + "|" + stored("OrigineX_poin"),
+              "900|7000|12");
+
+    // Picking the 20-note scale saves its values under the AF keys, and its edits go there.
+    Standard_Click(state, m_store, "Alder Fenn 20");
+    EXPECT_EQ(stored("Standard") + "|" + stored("LdecoupeAF"), "Alder Fenn 20|4");
+    changeSetting(state, m_store, "Vitcarton", "64");
+    EXPECT_EQ(stored("VitcartonAF") + "|" + stored("Vitcarton"), "64|<missing>");
+    EXPECT_EQ(start().settings.Vitcarton, "64") << "saved edits survive a run without quit";
+}
+
+TEST_F(SettingsRoundTrip, ANonNumberIsKeptAsTextAndReadsZero)
+{
+    store("Dist_ponts", "fifteen");
+    store("Dist_notes", "4,5");
+    QSettings(QStringLiteral("Veltrin"), QStringLiteral("Veltrin"))
+        .setValue(QStringLiteral("Startup/Laser_mode"), QStringList{"M3", "M4"});
+    const AppState state = start();
+    EXPECT_EQ(state.settings.Laser_mode, "M3, M4") << "a list in a hand-edited file";
+    EXPECT_EQ(state.settings.Dist_ponts, "fifteen");
+    EXPECT_EQ(num(state.settings.Dist_ponts), 0.0);
+    EXPECT_EQ(state.settings.Dist_notes, "4,5");
+    EXPECT_EQ(num(state.settings.Dist_notes), 4.0);
+}
+
+}  // namespace
+}  // namespace veltrin
