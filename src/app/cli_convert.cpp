@@ -1,0 +1,176 @@
+// veltrin-cli convert: the open command of the desktop application without its dialogs:
+// decodes a song (or the song of a resume file), finds the best band width, writes the
+// program, and prints the message log of the import and the program's path.
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/app_state.h"
+#include "app/cli_commands.h"
+#include "app/data_folders.h"
+#include "app/folders_qt.h"
+#include "app/settings_store_qt.h"
+#include "app/startup.h"
+#include "midi/song_import.h"
+#include "scales/scale_file.h"
+#include "view/marks.h"
+
+namespace veltrin::cli {
+
+namespace {
+
+struct ConvertArgs {
+    std::string song;
+    std::string machine;
+    std::string scale;
+    std::vector<std::string> assignments;
+    std::optional<double> startMark;
+    std::optional<double> endMark;
+    bool noWidthSearch = false;
+    std::string out;
+    bool defaults = false;
+};
+
+void printMessage(std::string_view message)
+{
+    std::fwrite(message.data(), 1, message.size(), stdout);
+    std::fputc('\n', stdout);
+}
+
+// The decoder's message has its two lines joined by CR LF; the terminal wants LF.
+std::string terminalText(std::string text)
+{
+    for (std::size_t at = text.find("\r\n"); at != std::string::npos; at = text.find("\r\n", at))
+        text.erase(at, 1);
+    return text;
+}
+
+const char* importErrorText(ImportError error)
+{
+    switch (error) {
+    case ImportError::NoFile:
+        return "no song";
+    case ImportError::UnreadableResumeFile:
+        return "cannot read the resume file";
+    case ImportError::UnreadableSong:
+        return "cannot read the song";
+    case ImportError::ProgramNotWritten:
+        return "the program was not written";
+    }
+    return "import failed";
+}
+
+int runConvert(const ConvertArgs& args)
+{
+    const StartupFolders folders = platformFolders();
+
+    if (!args.scale.empty() && !isBuiltInScale(args.scale)) {
+        const std::filesystem::path file =
+            instrumentsFolder(folders.documentsDir) + "/" + args.scale + ".txt";
+        if (!std::filesystem::is_regular_file(file)) {
+            std::fprintf(stderr, "veltrin-cli convert: unknown scale \"%s\" (no %s)\n",
+                         args.scale.c_str(), file.string().c_str());
+            return kExitUsage;
+        }
+    }
+
+    // This run's settings: the stored ones (none with --defaults), then --set, then the
+    // dedicated options. None of them is saved.
+    std::vector<std::string> overrides = args.assignments;
+    if (!args.machine.empty())
+        overrides.push_back(std::string("Type_machine=") + (args.machine == "laser" ? "Laser" : "Punch"));
+    if (!args.scale.empty())
+        overrides.push_back("Standard=" + args.scale);
+
+    std::unique_ptr<QtSettingsStore> stored;
+    if (!args.defaults)
+        stored = std::make_unique<QtSettingsStore>();
+
+    AppState state;
+    auto started = startForRun(state, stored.get(), overrides, folders);
+    if (!started) {
+        std::fprintf(stderr, "veltrin-cli convert: %s: %s\n",
+                     started.error() == SettingsError::UnknownKey ? "unknown setting"
+                                                                  : "expected KEY=VALUE",
+                     started.detail().c_str());
+        return kExitUsage;
+    }
+    state.programPathOverride = args.out;
+
+    // From here on the log is the import's: print it as it grows.
+    state.user_msg_list.setListener(printMessage);
+
+    ImportOptions options;
+    // The band width the search chooses is saved, as in the application.
+    options.store = stored.get();
+    options.widthSearch = !args.noWidthSearch;
+    auto imported = Ouvre_midi(state, {args.song}, 0, options);
+    if (imported && imported->decoderError != 0) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "%s\n", terminalText(imported->decoderMessage).c_str());
+    }
+    if (!imported) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "veltrin-cli convert: %s: %s\n", importErrorText(imported.error()),
+                     imported.detail().c_str());
+        return imported.error() == ImportError::ProgramNotWritten ? kExitFailed : kExitUsage;
+    }
+    std::string program = imported->programPath;
+
+    for (const auto& [mark, setMark] :
+         {std::pair{args.startMark, &setStartMark}, std::pair{args.endMark, &setEndMark}}) {
+        if (!mark)
+            continue;
+        auto written = setMark(state, *mark);
+        if (!written) {
+            std::fflush(stdout);
+            std::fprintf(stderr, "veltrin-cli convert: the program between marks was not written: %s\n",
+                         written.detail().c_str());
+            return kExitFailed;
+        }
+        program = written.value();
+    }
+
+    printMessage(program);
+    std::fflush(stdout);
+    return kExitOk;
+}
+
+}  // namespace
+
+void addConvertCommand(CLI::App& app, int& exitCode)
+{
+    auto args = std::make_shared<ConvertArgs>();
+    CLI::App* command = app.add_subcommand(
+        "convert", "Turn a song (.mid) or a resume file (.mid.rep) into a G-code program, as "
+                   "\"Open midi file...\" does; prints the log and the program's path");
+    command->add_option("song", args->song, "MIDI file (.mid) or resume file (.rep)")->required();
+    command->add_option("--machine", args->machine, "Machine for this run: laser or punch")
+        ->transform(CLI::IsMember({"laser", "punch"}, CLI::ignore_case));
+    command->add_option("--scale", args->scale,
+                        "Organ scale for this run: a built-in name or a scale file of the "
+                        "Instruments folder (without .txt)");
+    command->add_option("--set", args->assignments,
+                        "KEY=VALUE: a setting for this run only, not saved (repeatable)")
+        ->expected(1)
+        ->take_all();
+    command->add_option("--start-mark", args->startMark,
+                        "Start mark in ms: also write the program between the marks");
+    command->add_option("--end-mark", args->endMark,
+                        "End mark in ms: also write the program between the marks");
+    command->add_flag("--no-width-search", args->noWidthSearch,
+                      "Keep Fourchette instead of searching the best band width");
+    command->add_option("--out", args->out, "Write the program here instead of the Temp folder");
+    command->add_flag("--defaults", args->defaults,
+                      "Ignore the stored settings (every key at its default); nothing is saved");
+    command->callback([args, &exitCode] { exitCode = runConvert(*args); });
+}
+
+}  // namespace veltrin::cli

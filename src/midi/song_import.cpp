@@ -1,0 +1,134 @@
+#include "midi/song_import.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+
+#include "app/numeric_text.h"
+#include "midi/mdlvert.h"
+#include "midi/resume_file.h"
+#include "plan/genere_gcode.h"
+
+namespace veltrin {
+
+namespace {
+
+bool readBytes(const std::string& path, std::vector<std::uint8_t>& bytes)
+{
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error))
+        return false;
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    if (!in)
+        return false;
+    const std::streamoff size = in.tellg();
+    if (size < 0)
+        return false;
+    bytes.resize(static_cast<std::size_t>(size));
+    in.seekg(0);
+    in.read(reinterpret_cast<char*>(bytes.data()), size);
+    return static_cast<bool>(in) || size == 0;
+}
+
+void saveFourchette(const AppState& state, const ImportOptions& options)
+{
+    if (options.store)
+        options.store->write("Fourchette", state.settings.Fourchette);
+}
+
+}  // namespace
+
+Result<ImportReport, ImportError> Ouvre_midi(AppState& state, const std::vector<std::string>& paths,
+                                             int rollGapMm, const ImportOptions& options)
+{
+    if (paths.empty())
+        return fail(ImportError::NoFile);
+    state.Liste_fichiers = paths;
+    state.currentFileIndex = 0;
+    if (paths.size() > 1)
+        state.rollGapMm = rollGapMm;
+    return openCurrentFile(state, options);
+}
+
+Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportOptions& options)
+{
+    if (state.currentFileIndex < 0 ||
+        static_cast<std::size_t>(state.currentFileIndex) >= state.Liste_fichiers.size())
+        return fail(ImportError::NoFile, std::to_string(state.currentFileIndex));
+
+    // 1. A new song: the whole song is marked again and nothing of the previous song stays,
+    // so after a failure below no song is loaded.
+    resetSongPlan(state);
+    state.fin_marque = 500000.0;
+    state.chemin_morceau.clear();
+    state.Liste_tran.clear();
+    state.Liste_play.clear();
+
+    ImportReport report;
+    report.songPath = state.Liste_fichiers[static_cast<std::size_t>(state.currentFileIndex)];
+
+    // 2. A resume file names the song and brings the band width and the restart time.
+    if (isResumePath(report.songPath)) {
+        auto resume = readResumeFile(report.songPath);
+        if (!resume)
+            return fail(ImportError::UnreadableResumeFile, resume.detail());
+        report.resumed = true;
+        report.songPath = resume->songPath;
+        report.restartMs = resume->restartMs;
+        state.settings.Fourchette = resume->Fourchette;
+        saveFourchette(state, options);
+    }
+
+    std::vector<std::uint8_t> bytes;
+    if (!readBytes(report.songPath, bytes))
+        return fail(ImportError::UnreadableSong, report.songPath);
+    state.chemin_morceau = report.songPath;
+
+    state.user_msg_list.append(state.settings.isLaser() ? "Gcode generation for laser perforator"
+                                                        : "Gcode generation for punch perforator");
+
+    // 3. Decode. A decoder error is the decoder's to tell; the lines before it are used.
+    DecodeResult decoded = Vertalen(bytes, report.songPath);
+    state.Liste_tran = std::move(decoded.lines);
+    report.decoderError = decoded.errorCode;
+    report.decoderMessage = std::move(decoded.errorMessage);
+    state.user_msg_list.append("Midi file de-assembling");
+
+    // 4. Band width, then the program. A resumed job keeps its band width so the holes
+    // come in the same order as in the interrupted program; it restarts at the first hole
+    // not yet acknowledged.
+    if (report.resumed) {
+        if (report.restartMs > 0.0)
+            state.debut_marque = report.restartMs;
+    } else if (options.widthSearch) {
+        auto width = searchBestWidth(state);
+        if (!width)
+            return fail(ImportError::ProgramNotWritten, width.detail());
+        saveFourchette(state, options);
+    }
+    auto program = Genere_GCode(state, false, false);
+    if (!program)
+        return fail(ImportError::ProgramNotWritten, program.detail());
+    report.programPath = std::move(program.value());
+    return report;
+}
+
+int rollGapFromAnswer(std::string_view answer)
+{
+    return static_cast<int>(roundHalfEven(leadingNumber(answer)));
+}
+
+bool toggleSimulationMode(AppState& state)
+{
+    state.mode_simulation = !state.mode_simulation;
+    return state.mode_simulation;
+}
+
+StatusLamp statusLamp(bool simulation, bool connected)
+{
+    if (simulation)
+        return StatusLamp::Yellow;
+    return connected ? StatusLamp::Green : StatusLamp::Red;
+}
+
+}  // namespace veltrin

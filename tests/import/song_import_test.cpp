@@ -1,0 +1,184 @@
+#include "midi/song_import.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <gtest/gtest.h>
+
+#include "import/midi_bytes.h"
+#include "import/temp_dir.h"
+#include "midi/resume_file.h"
+#include "scales/scale_file.h"
+
+namespace veltrin {
+namespace {
+
+using testing::holeYs;
+using testing::readText;
+
+class SongImport : public ::testing::Test {
+protected:
+    SongImport()
+    {
+        std::filesystem::create_directories(temp());
+        state.dossier_documents = (dir.path() / "docs").string();
+        Def_notes_Kolby(state.scale);
+        state.scale.nb_notes = 29;
+        options.store = &store;
+    }
+
+    std::filesystem::path temp() const { return dir.path() / "docs" / "Veltrin" / "Temp"; }
+
+    std::string song(const std::string& name, const std::vector<testing::TestNote>& notes = testing::kFiveNotes)
+    {
+        testing::writeFile(dir.path() / name, testing::midiFile(notes));
+        return (dir.path() / name).string();
+    }
+
+    bool logged(const std::string& line) const
+    {
+        const auto lines = testing::textLines(state.user_msg_list.text());
+        return std::find(lines.begin(), lines.end(), line) != lines.end();
+    }
+
+    TempDir dir;
+    AppState state;
+    MemorySettingsStore store;
+    ImportOptions options;
+};
+
+TEST_F(SongImport, LogsItsStepsInOrderMarksTheWholeSongAndSavesTheWidth)
+{
+    state.debut_marque = 1000.0;
+    state.fin_marque = 2000.0;
+    const std::string path = song("valse.mid");
+
+    auto report = Ouvre_midi(state, {path}, 0, options);
+
+    ASSERT_TRUE(report.ok()) << report.detail();
+    EXPECT_EQ(report->programPath, (temp() / "valse.gcode").string());
+    EXPECT_EQ(state.chemin_morceau, path);
+    EXPECT_EQ(state.fin_marque, 500000.0);
+    EXPECT_FALSE(state.debut_marque.value_or(0.0) > 0.0);
+    const auto log = testing::textLines(state.user_msg_list.text());
+    ASSERT_GE(log.size(), 3u);
+    EXPECT_EQ(log[0], "Gcode generation for laser perforator");
+    EXPECT_EQ(log[1], "Midi file de-assembling");
+    EXPECT_EQ(log[2], "Seeking for best optimizing width ");
+    EXPECT_EQ(store.read("Fourchette"), state.settings.Fourchette);
+    EXPECT_EQ(holeYs(readText(report->programPath)), (std::vector<double>{0, 60, 120, 180, 240}));
+
+    state.settings.Type_machine = "Punch";
+    state.settings.Fourchette = "13";
+    MemorySettingsStore untouched;
+    ASSERT_TRUE(Ouvre_midi(state, {path}, 0, {&untouched, false}).ok());
+    EXPECT_EQ(testing::textLines(state.user_msg_list.text()).at(log.size()),
+              "Gcode generation for punch perforator");
+    EXPECT_EQ(state.settings.Fourchette, "13") << "no width search";
+    EXPECT_TRUE(untouched.values().empty());
+}
+
+TEST_F(SongImport, SeveralFilesDecodeOnlyTheCurrentEntry)
+{
+    const std::string first = song("first.mid", {{0, 300, 60}});
+    const std::string second = song("second.mid", {{0, 300, 62}, {500, 800, 64}});
+    const std::string missing = (dir.path() / "missing.mid").string();
+
+    ASSERT_TRUE(Ouvre_midi(state, {first, second, missing}, 250).ok());
+    EXPECT_EQ(state.Liste_fichiers, (std::vector<std::string>{first, second, missing}));
+    EXPECT_EQ(state.rollGapMm, 250);
+    EXPECT_EQ(state.chemin_morceau, first);
+    EXPECT_EQ(state.List_GC_Ycroissant.size(), 1u);
+    EXPECT_FALSE(std::filesystem::exists(temp() / "second.gcode"));
+
+    // The next roll: the machine side moves the index on.
+    state.currentFileIndex = 1;
+    ASSERT_TRUE(openCurrentFile(state).ok());
+    EXPECT_EQ(state.chemin_morceau, second);
+    EXPECT_EQ(state.List_GC_Ycroissant.size(), 2u) << "nothing of the first song is left";
+
+    state.currentFileIndex = 2;
+    auto unreadable = openCurrentFile(state);
+    ASSERT_FALSE(unreadable.ok());
+    EXPECT_EQ(unreadable.error(), ImportError::UnreadableSong);
+    EXPECT_TRUE(state.chemin_morceau.empty());
+    EXPECT_TRUE(state.List_GC_Ycroissant.empty());
+
+    state.Liste_fichiers[2] = dir.path().string();
+    EXPECT_EQ(openCurrentFile(state).error(), ImportError::UnreadableSong) << "a folder";
+
+    state.currentFileIndex = 3;
+    EXPECT_EQ(openCurrentFile(state).error(), ImportError::NoFile);
+    EXPECT_EQ(Ouvre_midi(state, {}).error(), ImportError::NoFile);
+    EXPECT_EQ(state.Liste_fichiers.size(), 3u) << "a cancelled choice changes nothing";
+}
+
+TEST_F(SongImport, ResumeFileRestartsAtItsTimeWithItsBandWidth)
+{
+    const std::string path = song("valse.mid");
+    ASSERT_TRUE(writeResumeFile(resumePathFor(path), {path, 2000, 37, "11"}).ok());
+
+    auto report = Ouvre_midi(state, {resumePathFor(path)}, 0, options);
+
+    ASSERT_TRUE(report.ok()) << report.detail();
+    EXPECT_TRUE(report->resumed);
+    EXPECT_EQ(state.chemin_morceau, path);
+    EXPECT_EQ(state.settings.Fourchette, "11");
+    EXPECT_EQ(store.read("Fourchette"), "11");
+    EXPECT_EQ(state.debut_marque, 2000.0);
+    EXPECT_FALSE(logged("Seeking for best optimizing width "));
+    EXPECT_EQ(report->programPath, (temp() / "valse_between marks.gcode").string());
+    const std::string program = readText(report->programPath);
+    EXPECT_NE(program.find("G92 X5 Y120 Z-1 ;Homing position at 5 mm from X origin and at 120 mm "
+                           "from roll begining\r\n"),
+              std::string::npos)
+        << program;
+    EXPECT_EQ(holeYs(program), (std::vector<double>{120, 180, 240}));
+}
+
+TEST_F(SongImport, UpperCaseRepIsDecodedAsASongAndTheImportGoesOn)
+{
+    const std::string path = song("valse.mid");
+    testing::writeText(path + ".REP", path + "\r\n2000\r\n3\r\n11\r\n");
+
+    auto report = Ouvre_midi(state, {path + ".REP"});
+
+    ASSERT_TRUE(report.ok()) << report.detail();
+    EXPECT_FALSE(report->resumed);
+    EXPECT_EQ(state.chemin_morceau, path + ".REP");
+    EXPECT_EQ(report->decoderError, 5) << "no MThd header";
+    EXPECT_FALSE(report->decoderMessage.empty());
+    EXPECT_TRUE(logged("Ready to punch"));
+}
+
+TEST_F(SongImport, ATruncatedSongGoesOnWithTheNotesBeforeTheBreak)
+{
+    auto bytes = testing::midiFile(testing::kFiveNotes);
+    // End of track (4 bytes), the last note (2 x 5 bytes) and two bytes of the fourth
+    // note's end: the file stops in the middle of an event.
+    bytes.resize(bytes.size() - 16);
+    testing::writeFile(dir.path() / "cut.mid", bytes);
+
+    auto report = Ouvre_midi(state, {(dir.path() / "cut.mid").string()});
+
+    ASSERT_TRUE(report.ok()) << report.detail();
+    EXPECT_EQ(report->decoderError, 1);
+    EXPECT_NE(report->decoderMessage.find("unexpected EOF"), std::string::npos);
+    EXPECT_EQ(holeYs(readText(report->programPath)), (std::vector<double>{0, 60, 120}));
+}
+
+TEST_F(SongImport, UnreadableResumeFileOrProgramAreReported)
+{
+    testing::writeText(dir.path() / "short.mid.rep", "/short.mid\r\n100\r\n");
+    EXPECT_EQ(Ouvre_midi(state, {(dir.path() / "short.mid.rep").string()}).error(),
+              ImportError::UnreadableResumeFile);
+
+    std::filesystem::remove_all(temp());
+    testing::writeText(temp(), "a file where the Temp folder should be");
+    auto report = Ouvre_midi(state, {song("a.mid")});
+    ASSERT_FALSE(report.ok());
+    EXPECT_EQ(report.error(), ImportError::ProgramNotWritten);
+    EXPECT_FALSE(state.chemin_morceau.empty()) << "the song is loaded all the same";
+}
+
+}  // namespace
+}  // namespace veltrin
