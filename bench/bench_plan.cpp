@@ -1,0 +1,109 @@
+// The main job of a song on the 27-29 scale: plan, travel order and program of a generated
+// 20,000-note song, and the best-width search over the same song.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "app/app_state.h"
+#include "plan/genere_gcode.h"
+#include "scales/scale_file.h"
+
+namespace {
+
+using veltrin::AppState;
+
+// Event lines of a song of noteCount notes, as the decoder writes them: several voices
+// whose notes follow each other, 60 ms to 2 s long, mostly in the scale.
+std::vector<std::string> generatedSong(int noteCount)
+{
+    std::mt19937 random(2024);
+    std::uniform_int_distribution<int> pitch(46, 88);
+    std::uniform_int_distribution<int> length(60, 2000);
+    std::uniform_int_distribution<int> gap(0, 400);
+    std::vector<std::string> lines{"TEMP 0000000 000000 0500000"};
+    constexpr int kVoices = 8;
+    for (int voice = 0; voice < kVoices; ++voice) {
+        long time = voice * 37;
+        for (int i = voice; i < noteCount; i += kVoices) {
+            const long start = time + gap(random);
+            const long end = start + length(random);
+            char noteLine[96];
+            char offLine[64];
+            std::snprintf(noteLine, sizeof noteLine, "NOTE %07ld 000960 00001 %05d %05ld 00100 C3",
+                          start, pitch(random), end - start);
+            std::snprintf(offLine, sizeof offLine, "NOOF %07ld 000960 00001", end);
+            lines.emplace_back(noteLine);
+            lines.emplace_back(offLine);
+            time = end;
+        }
+    }
+    lines.emplace_back("ENDF 9999999");
+    return lines;
+}
+
+struct Job {
+    explicit Job(const std::string& machine)
+    {
+        char pattern[] = "/tmp/veltrin_bench_XXXXXX";
+        folder = mkdtemp(pattern);
+        state.dossier_documents = folder;
+        state.chemin_morceau = "/songs/bench.mid";
+        state.settings.Type_machine = machine;
+        veltrin::MessageLog log;
+        veltrin::Def_standard(folder, state.settings, state.scale, log);
+        state.Liste_tran = generatedSong(20000);
+    }
+    ~Job() { std::filesystem::remove_all(folder); }
+    std::string folder;
+    AppState state;
+};
+
+void BM_GenereGCode(benchmark::State& run, const std::string& machine)
+{
+    Job job(machine);
+    for (auto _ : run) {
+        job.state.user_msg_list.clear();
+        auto written = veltrin::Genere_GCode(job.state, false, false);
+        if (!written.ok())
+            run.SkipWithError(written.detail().c_str());
+    }
+    run.counters["pieces"] = static_cast<double>(job.state.List_GC_Finale.size());
+}
+BENCHMARK_CAPTURE(BM_GenereGCode, laser, std::string("Laser"))->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_GenereGCode, punch, std::string("Punch"))->Unit(benchmark::kMillisecond);
+
+void BM_SearchBestWidth(benchmark::State& run)
+{
+    Job job("Laser");
+    for (auto _ : run) {
+        job.state.settings.Fourchette = "7";
+        auto chosen = veltrin::searchBestWidth(job.state);
+        benchmark::DoNotOptimize(chosen);
+    }
+}
+BENCHMARK(BM_SearchBestWidth)->Unit(benchmark::kMillisecond);
+
+// What the import runs after decoding: the width search, then the generation.
+void BM_SearchThenGenerate(benchmark::State& run)
+{
+    Job job("Laser");
+    for (auto _ : run) {
+        job.state.settings.Fourchette = "7";
+        job.state.user_msg_list.clear();
+        auto chosen = veltrin::searchBestWidth(job.state);
+        auto written = veltrin::Genere_GCode(job.state, false, false);
+        benchmark::DoNotOptimize(chosen);
+        benchmark::DoNotOptimize(written);
+    }
+}
+BENCHMARK(BM_SearchThenGenerate)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

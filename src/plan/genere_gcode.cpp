@@ -1,0 +1,279 @@
+#include "plan/genere_gcode.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+
+#include "app/numeric_text.h"
+#include "plan/plan_steps.h"
+#include "plan/plan_text.h"
+
+namespace veltrin {
+
+namespace {
+
+MarkRange markRange(const AppState& state)
+{
+    MarkRange marks;
+    marks.startMs = state.debut_marque.value_or(0.0);
+    marks.endMs = state.fin_marque;
+    return marks;
+}
+
+WriterInput writerInput(const AppState& state, const PlanValues& values,
+                        const std::vector<Piece>& finale)
+{
+    WriterInput input;
+    input.finale = &finale;
+    input.values = values;
+    input.marks = markRange(state);
+    input.title = commentSafe(songTitle(state.chemin_morceau));
+    input.Laser_mode = state.settings.Laser_mode;
+    input.Laser_power = state.settings.Laser_power;
+    input.header = leadingNumber(state.settings.Gen_entete) == 1.0;
+    return input;
+}
+
+// Writes text into a temporary file beside path and renames it over path, so that a crash
+// leaves the previous program or the new one, never half of one. Creates the folder.
+Result<std::string, PlanError> writeAtomically(const std::string& path, const std::string& text)
+{
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    const fs::path target(path);
+    if (target.has_parent_path())
+        fs::create_directories(target.parent_path(), ec);
+    const std::string temporary = path + ".tmp";
+    {
+        std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
+        if (!file)
+            return fail(PlanError::CannotWriteProgram, temporary + ": " + std::strerror(errno));
+        file.write(text.data(), static_cast<std::streamsize>(text.size()));
+        file.close();
+        if (!file) {
+            fs::remove(temporary, ec);
+            return fail(PlanError::CannotWriteProgram, temporary + ": write failed");
+        }
+    }
+    fs::rename(temporary, target, ec);
+    if (ec) {
+        fs::remove(temporary, ec);
+        return fail(PlanError::CannotWriteProgram, path + ": " + ec.message());
+    }
+    return path;
+}
+
+}  // namespace
+
+Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
+                                            bool sans_optimisation)
+{
+    const bool silent = state.recherche_largeur;
+    // 1. Values of this generation; every total starts from 0.
+    const PlanValues values = planValues(state.settings, state.scale);
+    if (values.Vitcarton == 0.0)
+        return fail(PlanError::ZeroRollSpeed, "Vitcarton is 0");
+    state.nb_frappes = 0.0;
+    state.distance_totale = 0.0;
+    state.longueur_coupe = 0.0;
+    state.y_max = 0.0;
+    state.y_premiere_coupe = 0.0;
+
+    // 2. Pair note starts and ends, 3. split the notes into pieces.
+    if (!garder_notes) {
+        const std::vector<std::string> noteLines = pairNotes(state.Liste_tran, state.Liste_play);
+        const bool fractionner = !(values.laser && leadingNumber(state.settings.Lgponts) == 0.0);
+        SplitResult split = Decoupe_notes(noteLines, fractionner, values, state.scale);
+        state.List_GC_Ycroissant = std::move(split.pieces);
+        state.notes_hors_gamme = split.notes_hors_gamme;
+        state.piste_courante = split.piste_courante;
+        if (!silent) {
+            state.gauge1_max = static_cast<int>(noteLines.size());
+            state.gauge1_value = noteLines.empty() ? 0 : static_cast<int>(noteLines.size()) - 1;
+        }
+    }
+
+    // 4. Travel order.
+    if (!sans_optimisation) {
+        if (!silent) {
+            state.gauge1_max = static_cast<int>(state.List_GC_Ycroissant.size());
+            state.gauge1_value = 0;
+            state.user_msg_list.append("Travel optimizing " + state.settings.Fourchette +
+                                       "(Width : " + std::to_string(values.temps_fourchette) + ")");
+        }
+        state.List_GC_Finale =
+            Optimise_trajets(state.List_GC_Ycroissant, values.temps_fourchette, values);
+    }
+
+    // 5. The program.
+    if (!silent) {
+        state.gauge1_max = static_cast<int>(state.List_GC_Finale.size());
+        state.gauge1_value = 0;
+    }
+    Program program = writeProgram(writerInput(state, values, state.List_GC_Finale), silent);
+    const ProgramTotals& t = program.totals;
+    state.nb_frappes = t.nb_frappes;
+    state.distance_totale = t.distance_totale;
+    state.longueur_coupe = t.longueur_coupe;
+    state.y_max = t.y_max;
+    state.y_premiere_coupe = t.y_premiere_coupe;
+    state.longueur_rouleau = t.longueur_rouleau;
+    if (t.longueur_rouleau != 0.0)
+        state.rollViewScale = 81195.01 / t.longueur_rouleau;
+    state.jobProgressOnRoll = false;
+    if (silent)
+        return std::string();
+
+    if (!state.List_GC_Finale.empty())
+        state.gauge1_value = static_cast<int>(state.List_GC_Finale.size()) - 1;
+    state.writtenHoles = std::move(program.holes);
+    const std::string path = programPath(state);
+    auto written = writeAtomically(path, program.text);
+    if (!written)
+        return written;
+
+    // 6. The report.
+    ReportInput report;
+    report.laser = values.laser;
+    report.totals = t;
+    report.marks = markRange(state);
+    report.Vitcarton = values.Vitcarton;
+    report.L_poincon = values.L_poincon;
+    report.vitesse_avance = values.vitesse_avance;
+    report.notes_hors_gamme = state.notes_hors_gamme;
+    report.duree_metre_laser = leadingNumber(state.settings.duree_metre_laser);
+    report.duree_trou_poincon = leadingNumber(state.settings.duree_trou_poincon);
+    report.decimalSeparator = state.reportDecimalSeparator;
+    for (const std::string& line : reportLines(report))
+        state.user_msg_list.append(line);
+    state.punchEnabled = true;
+    return written;
+}
+
+Result<double, PlanError> searchBestWidth(AppState& state)
+{
+    const PlanValues values = planValues(state.settings, state.scale);
+    if (values.Vitcarton == 0.0)
+        return fail(PlanError::ZeroRollSpeed, "Vitcarton is 0");
+    state.user_msg_list.append("Seeking for best optimizing width ");
+    state.recherche_largeur = true;
+
+    // The split does not depend on the band width: made once, then every width only
+    // re-orders the same pieces.
+    std::vector<std::string> playLines;
+    const std::vector<std::string> noteLines = pairNotes(state.Liste_tran, playLines);
+    const bool fractionner = !(values.laser && leadingNumber(state.settings.Lgponts) == 0.0);
+    const std::vector<Piece> pieces =
+        Decoupe_notes(noteLines, fractionner, values, state.scale).pieces;
+
+    const double current = leadingNumber(state.settings.Fourchette);
+    std::vector<double> candidates;
+    for (int mm = 1; mm <= 30; ++mm)
+        candidates.push_back(mm);
+    candidates.push_back(current);
+
+    std::vector<Piece> finale;
+    WriterInput input = writerInput(state, values, finale);
+    double bestWidth = 0.0;
+    double bestDistance = std::numeric_limits<double>::infinity();
+    state.gauge1_max = static_cast<int>(candidates.size());
+    std::vector<std::pair<int, double>> measured;  // band time and its distance
+    for (std::size_t i = 0; i < candidates.size(); ++i) {
+        const double width = candidates[i];
+        const int temps_fourchette = bandTime(width, values.Vitcarton);
+        double distance = 0.0;
+        const auto known = std::find_if(measured.begin(), measured.end(),
+                                        [&](const auto& m) { return m.first == temps_fourchette; });
+        if (known != measured.end()) {
+            distance = known->second;
+        } else {
+            finale = Optimise_trajets(pieces, temps_fourchette, values);
+            distance = writeProgram(input, true).totals.distance_totale;
+            measured.emplace_back(temps_fourchette, distance);
+        }
+        if (distance < bestDistance || (distance == bestDistance && width < bestWidth)) {
+            bestDistance = distance;
+            bestWidth = width;
+        }
+        state.gauge1_value = static_cast<int>(i);
+    }
+    state.recherche_largeur = false;
+    if (bestWidth != current)
+        state.settings.Fourchette = gcodeNumber(bestWidth);
+    return bestWidth;
+}
+
+std::optional<Result<std::string, PlanError>> planSettingsChanged(AppState& state)
+{
+    if (!state.demarrage_fini || state.chemin_morceau.empty())
+        return std::nullopt;
+    return Genere_GCode(state, false, false);
+}
+
+std::optional<Result<std::string, PlanError>> fourchetteChanged(AppState& state)
+{
+    if (state.chemin_morceau.empty())
+        return std::nullopt;
+    return Genere_GCode(state, true, false);
+}
+
+double Position_piste(const AppState& state, std::int16_t piste)
+{
+    return Position_piste(planValues(state.settings, state.scale), piste);
+}
+
+std::string songTitle(std::string_view songPath)
+{
+    const std::size_t slash = songPath.find_last_of("/\\");
+    std::string_view name = slash == std::string_view::npos ? songPath : songPath.substr(slash + 1);
+    const std::size_t dot = name.find_last_of('.');
+    if (dot != std::string_view::npos && dot > 0)
+        name = name.substr(0, dot);
+    return std::string(name);
+}
+
+std::string commentSafe(std::string_view text)
+{
+    std::string safe;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        // Grbl acts on "?", "!" and "~" wherever they stand, comments included.
+        if (byte >= 0x20 && byte <= 0x7e && c != '?' && c != '!' && c != '~')
+            safe += c;
+    }
+    return safe;
+}
+
+std::string programPath(const AppState& state)
+{
+    if (!state.programPathOverride.empty())
+        return state.programPathOverride;
+    const MarkRange marks = markRange(state);
+    const std::string title = songTitle(state.chemin_morceau);
+    return state.dossier_documents + "/Veltrin/Temp/" + title +
+           (marks.startSet() || marks.endSet() ? "_between marks.gcode" : ".gcode");
+}
+
+void resetSongPlan(AppState& state)
+{
+    state.debut_marque.reset();
+    state.fin_marque = 500000.0;
+    state.Liste_play.clear();
+    state.List_GC_Ycroissant.clear();
+    state.List_GC_Finale.clear();
+    state.writtenHoles.clear();
+    state.notes_hors_gamme = 0;
+    state.piste_courante = 0;
+    state.nb_frappes = 0.0;
+    state.distance_totale = 0.0;
+    state.longueur_coupe = 0.0;
+    state.y_max = 0.0;
+    state.y_premiere_coupe = 0.0;
+    state.longueur_rouleau = 0.0;
+    state.punchEnabled = false;
+}
+
+}  // namespace veltrin

@@ -1,0 +1,126 @@
+#include "plan/plan_text.h"
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+
+namespace veltrin {
+
+namespace {
+
+// The value's first 15 significant digits (correctly rounded) and the power of ten of the
+// first one: value = d0.d1d2...d14 x 10^exponent.
+struct Digits15 {
+    bool negative = false;
+    std::string digits;
+    int exponent = 0;
+};
+
+Digits15 digits15(double value)
+{
+    Digits15 out;
+    out.negative = std::signbit(value);
+    std::array<char, 64> buffer{};
+    const auto [ptr, ec] = std::to_chars(buffer.data(), buffer.data() + buffer.size(),
+                                         std::fabs(value), std::chars_format::scientific, 14);
+    (void)ec;
+    const std::string text(buffer.data(), ptr);  // "d.dddddddddddddde+XX"
+    const std::size_t e = text.find('e');
+    out.digits = text.substr(0, 1) + text.substr(2, e - 2);
+    out.exponent = std::stoi(text.substr(e + 1));
+    return out;
+}
+
+// Adds one unit to the last digit of a decimal digit string.
+void incrementDigits(std::string& digits)
+{
+    for (std::size_t i = digits.size(); i-- > 0;) {
+        if (digits[i] != '9') {
+            ++digits[i];
+            return;
+        }
+        digits[i] = '0';
+    }
+    digits.insert(digits.begin(), '1');
+}
+
+}  // namespace
+
+std::string gcodeNumber(double value)
+{
+    if (value == 0.0 || !std::isfinite(value))
+        return "0";
+    const Digits15 d = digits15(value);
+    std::string digits = d.digits;
+    while (digits.size() > 1 && digits.back() == '0')
+        digits.pop_back();
+    std::string text;
+    if (d.exponent < 0) {
+        text.assign("0.").append(static_cast<std::size_t>(-d.exponent - 1), '0').append(digits);
+    } else {
+        const auto integerCount = static_cast<std::size_t>(d.exponent) + 1;
+        if (digits.size() <= integerCount) {
+            text = digits + std::string(integerCount - digits.size(), '0');
+        } else {
+            text = digits.substr(0, integerCount) + "." + digits.substr(integerCount);
+        }
+    }
+    if (d.negative)
+        text.insert(text.begin(), '-');
+    return text;
+}
+
+std::string fixedDecimals(double value, int decimals, int minIntegerDigits, char decimalSeparator)
+{
+    // scaled: the digits of |value| x 10^decimals, rounded to a whole number.
+    std::string scaled;
+    bool negative = false;
+    if (value != 0.0 && std::isfinite(value)) {
+        const Digits15 d = digits15(value);
+        negative = d.negative;
+        const int kept = d.exponent + decimals + 1;  // digits at or above 10^-decimals
+        if (kept >= static_cast<int>(d.digits.size())) {
+            scaled = d.digits + std::string(static_cast<std::size_t>(kept) - d.digits.size(), '0');
+        } else if (kept >= 0) {
+            scaled = d.digits.substr(0, static_cast<std::size_t>(kept));
+            if (scaled.empty())
+                scaled.assign(1, '0');
+            if (d.digits[static_cast<std::size_t>(kept)] >= '5')
+                incrementDigits(scaled);
+        }
+    }
+    if (scaled.empty())
+        scaled.assign(1, '0');
+    while (scaled.size() > 1 && scaled.front() == '0')
+        scaled.erase(scaled.begin());
+    if (scaled == "0")
+        negative = false;
+    const auto width = static_cast<std::size_t>(decimals + minIntegerDigits);
+    if (scaled.size() < width)
+        scaled.insert(scaled.begin(), width - scaled.size(), '0');
+    std::string text = scaled.substr(0, scaled.size() - static_cast<std::size_t>(decimals));
+    if (decimals > 0) {
+        text += decimalSeparator;
+        text += scaled.substr(scaled.size() - static_cast<std::size_t>(decimals));
+    }
+    if (negative)
+        text.insert(text.begin(), '-');
+    return text;
+}
+
+std::string clockText(double seconds)
+{
+    long long whole = 0;
+    if (std::isfinite(seconds) && std::fabs(seconds) < 1e15)
+        whole = std::llround(seconds);
+    whole %= 86400;
+    if (whole < 0)
+        whole += 86400;
+    std::array<char, 16> buffer{};
+    std::snprintf(buffer.data(), buffer.size(), "%02lld:%02lld:%02lld", whole / 3600,
+                  (whole / 60) % 60, whole % 60);
+    return buffer.data();
+}
+
+}  // namespace veltrin

@@ -1,0 +1,22 @@
+#pragma once
+// Number texts of the program and of its report.
+
+#include <string>
+
+namespace veltrin {
+
+// A G-code coordinate: at most 15 significant digits, as many as needed, no exponent, no
+// trailing zeros, "0" before a leading decimal point, always "." (12.5, 0.25, 17.4, -3).
+std::string gcodeNumber(double value);
+
+// value with a fixed number of decimals and at least minIntegerDigits integer digits,
+// rounded half away from zero on the value's 15-significant-digit decimal form (so 2.675
+// gives "2.68"), with decimalSeparator between the parts: fixedDecimals(12.3456, 3, 2, ',')
+// == "12,346", fixedDecimals(0.5, 2, 1, '.') == "0.50".
+std::string fixedDecimals(double value, int decimals, int minIntegerDigits, char decimalSeparator);
+
+// A duration in seconds as "hh:mm:ss", rounded to the nearest second; a day or more wraps
+// round (86400 s gives "00:00:00"), as does a value that is not a finite number.
+std::string clockText(double seconds);
+
+}  // namespace veltrin

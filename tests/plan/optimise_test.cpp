@@ -1,0 +1,99 @@
+// The travel order: bands, their direction, the order inside a track, and the width search.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "plan/genere_gcode.h"
+#include "plan/plan_steps.h"
+#include "plan_test_support.h"
+
+namespace veltrin {
+namespace {
+
+using Pieces = std::vector<Piece>;
+
+// Laser, Vitcarton 60 (0.06 mm per ms), track pitch 4.2 mm.
+const PlanValues kValues = planValues(Settings{}, OrganScale{});
+
+TEST(OptimiseTrajets, BandsAndTheirDirection)
+{
+    // The first band starts at 0: 100 = 0 + 100 stays in it; its tracks go upwards, the low
+    // end being nearer to track 0. 101 opens a new band.
+    EXPECT_EQ(Optimise_trajets({{0, 5, 10}, {100, 1, 110}}, 100, kValues), (Pieces{{100, 1, 110}, {0, 5, 10}}));
+    EXPECT_EQ(Optimise_trajets({{0, 5, 10}, {101, 1, 111}}, 100, kValues), (Pieces{{0, 5, 10}, {101, 1, 111}}));
+    const Pieces pieces{
+        {0, 4, 20}, {10, 1, 30}, {50, 6, 60},  // band 0..100: upwards, ends on track 6
+        {200, 2, 210}, {220, 5, 230},          // band 200..300: 5 nearer to 6, downwards, ends on 2
+        {400, 9, 410}, {420, 1, 430},          // |1 - 2| < |9 - 2|: upwards
+    };
+    EXPECT_EQ(Optimise_trajets(pieces, 100, kValues),
+              (Pieces{{10, 1, 30}, {0, 4, 20}, {50, 6, 60}, {220, 5, 230}, {200, 2, 210}, {420, 1, 430},
+                      {400, 9, 410}}));
+    // Ends at equal distance from the last track go upwards: after 5, tracks 3 and 7.
+    EXPECT_EQ(Optimise_trajets({{0, 5, 10}, {200, 7, 210}, {210, 3, 220}}, 100, kValues),
+              (Pieces{{0, 5, 10}, {210, 3, 220}, {200, 7, 210}}));
+}
+
+TEST(OptimiseTrajets, WideScaleInOneBand)
+{
+    // Tracks above 30 group like the others; a single band (never closed in the loop) is
+    // flushed whole.
+    EXPECT_EQ(Optimise_trajets({{0, 50, 10}, {1, 31, 11}, {2, 0, 12}, {3, 31, 13}, {4, 45, 14}}, 500, kValues),
+              (Pieces{{2, 0, 12}, {1, 31, 11}, {3, 31, 13}, {4, 45, 14}, {0, 50, 10}}));
+}
+
+TEST(OrdonneBande, TrackGroupsTakenFromTheNearerEnd)
+{
+    const Pieces band{{0, 0, 5}, {100, 0, 105}, {10, 3, 15}, {95, 3, 98}};
+    // Upwards: track 0 from the cleared previous point (track 0, time 0): ascending, ending
+    // at (0, 100). Track 3: its first piece at 12.6^2 + 5.4^2, its last at 12.6^2 + 0.3^2:
+    // descending.
+    EXPECT_EQ(Ordonne_bande(band, false, kValues), (Pieces{{0, 0, 5}, {100, 0, 105}, {95, 3, 98}, {10, 3, 15}}));
+    // Downwards: track 3 ascending from time 0, ending at 95; track 0 then descending.
+    EXPECT_EQ(Ordonne_bande(band, true, kValues), (Pieces{{10, 3, 15}, {95, 3, 98}, {100, 0, 105}, {0, 0, 5}}));
+    // Equal distances keep ascending order; equal starts keep the order of the ends.
+    EXPECT_EQ(Ordonne_bande({{50, 1, 60}, {0, 2, 10}, {100, 2, 110}}, false, kValues),
+              (Pieces{{50, 1, 60}, {0, 2, 10}, {100, 2, 110}}));
+    EXPECT_EQ(Ordonne_bande({{40, 2, 45}, {40, 2, 60}}, true, kValues), (Pieces{{40, 2, 45}, {40, 2, 60}}));
+}
+
+// Tracks 0 and 20 alternate every 10 ms. A band of 30 ms or more holds all four pieces and
+// visits each track once; 1 mm (17 ms) makes two bands that cross the roll twice. So 2 mm
+// (33 ms) is the smallest of the best widths, better than the current 7.5.
+TEST(SearchBestWidth, SmallestWidthOfTheShortestTravel)
+{
+    test::TempDir documents;
+    AppState state;
+    state.dossier_documents = documents.path;
+    state.chemin_morceau = "/songs/alternate.mid";
+    state.scale.nb_notes = 51;
+    for (std::size_t i = 0; i < 51; ++i)
+        state.scale.notes_standard[i] = static_cast<std::int16_t>(30 + i);
+    state.Liste_tran = test::songEvents({{0, 5, 30}, {10, 15, 50}, {20, 25, 30}, {30, 35, 50}});
+    state.settings.Fourchette = "7.5";
+    auto chosen = searchBestWidth(state);
+    ASSERT_TRUE(chosen.ok());
+    EXPECT_EQ(chosen.value(), 2.0);
+    EXPECT_EQ(state.settings.Fourchette, "2");
+    EXPECT_EQ(state.user_msg_list.text(), "Seeking for best optimizing width \r\n");
+    EXPECT_TRUE(state.List_GC_Finale.empty());
+    EXPECT_FALSE(std::filesystem::exists(documents.path + "/Veltrin"));
+
+    // x0 = 4.8, x20 = 88.8. 2 mm: (x0, 0) (x0, 1.2) (x20, 0.6) (x20, 1.8).
+    ASSERT_TRUE(Genere_GCode(state, false, false).ok());
+    EXPECT_NEAR(state.distance_totale, 4.8 + 1.2 + std::hypot(84, 0.6) + 1.2, 1e-9);
+    // 1 mm: (x0, 0) (x20, 0.6), then downwards (x20, 1.8) (x0, 1.2).
+    state.settings.Fourchette = "1";
+    ASSERT_TRUE(Genere_GCode(state, false, false).ok());
+    EXPECT_NEAR(state.distance_totale, 4.8 + std::hypot(84, 0.6) + 1.2 + std::hypot(84, 0.6), 1e-9);
+
+    // One note: every width gives the same travel, and the smallest wins.
+    state.Liste_tran = test::songEvents({{1000, 1100, 30}});
+    EXPECT_EQ(searchBestWidth(state).value(), 1.0);
+    state.settings.Vitcarton = "0";
+    EXPECT_EQ(searchBestWidth(state).error(), PlanError::ZeroRollSpeed);
+}
+
+}  // namespace
+}  // namespace veltrin
