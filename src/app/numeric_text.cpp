@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <string>
 
 namespace veltrin {
 
@@ -74,18 +75,42 @@ long long roundHalfEven(double value)
     return result;
 }
 
+SignificantDigits significantDigits15(double value)
+{
+    SignificantDigits out;
+    out.negative = std::signbit(value);
+    std::array<char, 64> buffer{};
+    const auto [ptr, ec] = std::to_chars(buffer.data(), buffer.data() + buffer.size(),
+                                         std::fabs(value), std::chars_format::scientific, 14);
+    (void)ec;
+    const std::string text(buffer.data(), ptr);  // "d.dddddddddddddde+XX"
+    const std::size_t e = text.find('e');
+    out.digits = text.substr(0, 1) + text.substr(2, e - 2);
+    out.exponent = std::stoi(text.substr(e + 1));
+    return out;
+}
+
 std::string plainNumber(double value)
 {
-    if (value == 0.0)
+    if (value == 0.0 || !std::isfinite(value))
         return "0";
-    std::array<char, 64> buffer{};
-    auto [ptr, ec] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
-                                   std::chars_format::fixed);
-    if (ec != std::errc())
-        return "0";
-    std::string text(buffer.data(), ptr);
-    if (text == "-0")
-        return "0";
+    const SignificantDigits d = significantDigits15(value);
+    std::string digits = d.digits;
+    while (digits.size() > 1 && digits.back() == '0')
+        digits.pop_back();
+    std::string text;
+    if (d.exponent < 0) {
+        text.assign("0.").append(static_cast<std::size_t>(-d.exponent - 1), '0').append(digits);
+    } else {
+        const auto integerCount = static_cast<std::size_t>(d.exponent) + 1;
+        if (digits.size() <= integerCount) {
+            text = digits + std::string(integerCount - digits.size(), '0');
+        } else {
+            text = digits.substr(0, integerCount) + "." + digits.substr(integerCount);
+        }
+    }
+    if (d.negative)
+        text.insert(text.begin(), '-');
     return text;
 }
 

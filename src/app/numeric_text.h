@@ -22,8 +22,19 @@ std::string fixedWidth(long long value, int width);
 // Rounds half to even (1.5 -> 2, 2.5 -> 2, -0.5 -> 0), as the event lines require.
 long long roundHalfEven(double value);
 
-// Shortest decimal text that reads back as the same double, always with "." (never a
-// locale's separator), no exponent, no trailing zeros: 12.5, 3, -0.25, 0.1.
+// The general text form of a number: at most 15 significant digits, as many as needed, no
+// exponent, no trailing zeros, "0" before a leading decimal point, always "." whatever the
+// locale: 12.5, 3, -0.25, 0.1, and 4.8 for 6.3 - 1.5 (whose double is 4.7999999999999998).
+// Programs, settings values and resume files use it.
 std::string plainNumber(double value);
+
+// A finite non-zero value's first 15 significant digits, correctly rounded, and the power
+// of ten of the first one: |value| ~ d0.d1...d14 x 10^exponent.
+struct SignificantDigits {
+    bool negative = false;
+    std::string digits;
+    int exponent = 0;
+};
+SignificantDigits significantDigits15(double value);
 
 }  // namespace veltrin

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "plan/plan_steps.h"
+#include "app/numeric_text.h"
 #include "plan/plan_text.h"
 
 namespace veltrin {
@@ -40,7 +41,7 @@ Program writeProgram(const WriterInput& input, bool silent)
     ProgramTotals& t = program.totals;
     const PlanValues& v = input.values;
     ProgramText out(silent);
-    const std::string originText = gcodeNumber(v.origine_x);
+    const std::string originText = plainNumber(v.origine_x);
 
     // 1. Title, header and tool.
     out.line(v.laser ? ";Laser gcode of the file : " : ";Punch gcode of the file : ", input.title);
@@ -51,7 +52,7 @@ Program writeProgram(const WriterInput& input, bool silent)
                      " mm from X origin");
         } else {
             // The job goes on along a roll already advanced to the start mark.
-            const std::string y0 = gcodeNumber(std::floor(input.marks.startMs * v.Vitcarton / 1000.0));
+            const std::string y0 = plainNumber(std::floor(input.marks.startMs * v.Vitcarton / 1000.0));
             out.line("G92 X", originText, " Y", y0, " Z-1", " ;Homing position at ", originText,
                      " mm from X origin and at ", y0, " mm from roll begining");
         }
@@ -85,7 +86,7 @@ Program writeProgram(const WriterInput& input, bool silent)
         if (!v.laser) {
             // A strike is centred half a punch length after the piece's start.
             y1 = v.Vitcarton * start / 1000.0 + v.L_poincon / 2.0;
-            out.line("G0 X", gcodeNumber(x1), " Y", gcodeNumber(y1));
+            out.line("G0 X", plainNumber(x1), " Y", plainNumber(y1));
             // Each strike moves Z from one end to the other.
             out.line(static_cast<long long>(t.nb_frappes) % 2 == 0 ? "G1 Z1" : "G1 Z-1");
             t.nb_frappes += 1.0;
@@ -97,12 +98,12 @@ Program writeProgram(const WriterInput& input, bool silent)
             const double x2 = x1 + (v.standard_AF_actif && piece.track < 4 ? v.BassesAF : v.Ldecoupe);
             const double y2 = end * v.Vitcarton / 1000.0;
             if (!silent) {
-                const std::string x1Text = gcodeNumber(x1);
-                const std::string y1Text = gcodeNumber(y1);
+                const std::string x1Text = plainNumber(x1);
+                const std::string y1Text = plainNumber(y1);
                 // Travel with the beam off (G0), then the rectangle clockwise back to its corner.
                 out.line("G0 X", x1Text, " Y", y1Text);
-                out.line("G1 X", gcodeNumber(x2), " F", feed);
-                out.line("G1 Y", gcodeNumber(y2), " F", feed);
+                out.line("G1 X", plainNumber(x2), " F", feed);
+                out.line("G1 Y", plainNumber(y2), " F", feed);
                 out.line("G1 X", x1Text, " F", feed);
                 out.line("G1 Y", y1Text, " F", feed);
             }
@@ -137,7 +138,7 @@ std::vector<std::string> reportLines(const ReportInput& in)
         lines.push_back("   - Overall length between holes : " + metres(t.distance_totale));
     } else {
         lines.push_back("   - Overall distances : " + metres(t.distance_totale));
-        lines.push_back("   - Number of punch strikes : " + gcodeNumber(t.nb_frappes));
+        lines.push_back("   - Number of punch strikes : " + plainNumber(t.nb_frappes));
     }
     if (in.notes_hors_gamme > 0) {
         lines.push_back("ATTENTION : ");

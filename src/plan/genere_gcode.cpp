@@ -202,7 +202,7 @@ Result<double, PlanError> searchBestWidth(AppState& state)
     }
     state.recherche_largeur = false;
     if (bestWidth != current)
-        state.settings.Fourchette = gcodeNumber(bestWidth);
+        state.settings.Fourchette = plainNumber(bestWidth);
     return bestWidth;
 }
 

@@ -1,5 +1,7 @@
 #include "plan/plan_text.h"
 
+#include "app/numeric_text.h"
+
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -8,29 +10,6 @@
 namespace veltrin {
 
 namespace {
-
-// The value's first 15 significant digits (correctly rounded) and the power of ten of the
-// first one: value = d0.d1d2...d14 x 10^exponent.
-struct Digits15 {
-    bool negative = false;
-    std::string digits;
-    int exponent = 0;
-};
-
-Digits15 digits15(double value)
-{
-    Digits15 out;
-    out.negative = std::signbit(value);
-    std::array<char, 64> buffer{};
-    const auto [ptr, ec] = std::to_chars(buffer.data(), buffer.data() + buffer.size(),
-                                         std::fabs(value), std::chars_format::scientific, 14);
-    (void)ec;
-    const std::string text(buffer.data(), ptr);  // "d.dddddddddddddde+XX"
-    const std::size_t e = text.find('e');
-    out.digits = text.substr(0, 1) + text.substr(2, e - 2);
-    out.exponent = std::stoi(text.substr(e + 1));
-    return out;
-}
 
 // Adds one unit to the last digit of a decimal digit string.
 void incrementDigits(std::string& digits)
@@ -47,37 +26,13 @@ void incrementDigits(std::string& digits)
 
 }  // namespace
 
-std::string gcodeNumber(double value)
-{
-    if (value == 0.0 || !std::isfinite(value))
-        return "0";
-    const Digits15 d = digits15(value);
-    std::string digits = d.digits;
-    while (digits.size() > 1 && digits.back() == '0')
-        digits.pop_back();
-    std::string text;
-    if (d.exponent < 0) {
-        text.assign("0.").append(static_cast<std::size_t>(-d.exponent - 1), '0').append(digits);
-    } else {
-        const auto integerCount = static_cast<std::size_t>(d.exponent) + 1;
-        if (digits.size() <= integerCount) {
-            text = digits + std::string(integerCount - digits.size(), '0');
-        } else {
-            text = digits.substr(0, integerCount) + "." + digits.substr(integerCount);
-        }
-    }
-    if (d.negative)
-        text.insert(text.begin(), '-');
-    return text;
-}
-
 std::string fixedDecimals(double value, int decimals, int minIntegerDigits, char decimalSeparator)
 {
     // scaled: the digits of |value| x 10^decimals, rounded to a whole number.
     std::string scaled;
     bool negative = false;
     if (value != 0.0 && std::isfinite(value)) {
-        const Digits15 d = digits15(value);
+        const SignificantDigits d = significantDigits15(value);
         negative = d.negative;
         const int kept = d.exponent + decimals + 1;  // digits at or above 10^-decimals
         if (kept >= static_cast<int>(d.digits.size())) {

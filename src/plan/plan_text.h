@@ -5,10 +5,6 @@
 
 namespace veltrin {
 
-// A G-code coordinate: at most 15 significant digits, as many as needed, no exponent, no
-// trailing zeros, "0" before a leading decimal point, always "." (12.5, 0.25, 17.4, -3).
-std::string gcodeNumber(double value);
-
 // value with a fixed number of decimals and at least minIntegerDigits integer digits,
 // rounded half away from zero on the value's 15-significant-digit decimal form (so 2.675
 // gives "2.68"), with decimalSeparator between the parts: fixedDecimals(12.3456, 3, 2, ',')

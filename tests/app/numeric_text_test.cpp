@@ -86,7 +86,7 @@ TEST(RoundHalfEven, RoundsTiesToTheEvenNeighbour)
     EXPECT_EQ(roundHalfEven(1234.49), 1234);
 }
 
-TEST(PlainNumber, WritesTheShortestTextWithAPoint)
+TEST(PlainNumber, WritesAtMostFifteenSignificantDigitsWithAPoint)
 {
     EXPECT_EQ(plainNumber(0.0), "0");
     EXPECT_EQ(plainNumber(-0.0), "0");
@@ -95,7 +95,9 @@ TEST(PlainNumber, WritesTheShortestTextWithAPoint)
     EXPECT_EQ(plainNumber(0.1), "0.1");
     EXPECT_EQ(plainNumber(-0.25), "-0.25");
     EXPECT_EQ(plainNumber(1e6), "1000000");
-    EXPECT_EQ(plainNumber(0.1 + 0.2), "0.30000000000000004");
+    EXPECT_EQ(plainNumber(0.1 + 0.2), "0.3") << "15 significant digits at most";
+    EXPECT_EQ(plainNumber(6.3 - 1.5), "4.8");
+    EXPECT_EQ(plainNumber(1.0 / 3.0), "0.333333333333333");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <locale>
 
 #include "plan/plan_steps.h"
+#include "app/numeric_text.h"
 #include "plan/plan_text.h"
 
 namespace veltrin {
@@ -17,13 +18,13 @@ struct CommaDecimal : std::numpunct<char> {
 TEST(PlanText, NumbersOfProgramAndReport)
 {
     const std::locale saved = std::locale::global(std::locale(std::locale::classic(), new CommaDecimal));
-    EXPECT_EQ(gcodeNumber(12.5), "12.5");
+    EXPECT_EQ(plainNumber(12.5), "12.5");
     std::locale::global(saved);
     // 4.8 + 2 x 4.2 is 13.200000000000001 as a double: 15 digits give what people wrote.
-    EXPECT_EQ(gcodeNumber(4.8 + 2 * 4.2), "13.2");
-    EXPECT_EQ(gcodeNumber(-0.25), "-0.25");
-    EXPECT_EQ(gcodeNumber(1e-7), "0.0000001");
-    EXPECT_EQ(gcodeNumber(123456789012345678.0), "123456789012346000");
+    EXPECT_EQ(plainNumber(4.8 + 2 * 4.2), "13.2");
+    EXPECT_EQ(plainNumber(-0.25), "-0.25");
+    EXPECT_EQ(plainNumber(1e-7), "0.0000001");
+    EXPECT_EQ(plainNumber(123456789012345678.0), "123456789012346000");
     // Half away from zero on the decimal value: 2.675 is 2.67499999999999982 as a double.
     EXPECT_EQ(fixedDecimals(2.675, 2, 1, '.'), "2.68");
     EXPECT_EQ(fixedDecimals(9.995, 2, 1, ','), "10,00");
