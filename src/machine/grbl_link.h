@@ -1,0 +1,156 @@
+#pragma once
+// GrblLink: the machine link's core. It owns the detection of Grbl (connexion_on), the
+// single commands with their wait (envoi_commande, the console, the jog keys), the job
+// (envoi_programme, through JobStreamer) and the next roll (rouleau_suivant). Exactly one line
+// is unanswered at any time, whoever sent it. It never touches a port or reads a clock.
+// Use: the adapter opens the port and calls setPortOpen(true) then connexion_on(now); it feeds
+// received bytes to onBytes() and the time to onTick(), and carries out takeActions().
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "machine/grbl_protocol.h"
+#include "machine/job_streamer.h"
+
+namespace veltrin {
+
+struct AppState;
+
+// What the link needs from the front end (main window or CLI) beyond the port.
+class JobHost {
+public:
+    virtual ~JobHost() = default;
+    // Several songs chosen at once: true while another roll is to be made after this one.
+    virtual bool hasNextRoll() = 0;
+    // The roll gap in mm, by which the cardboard advances before the next roll.
+    virtual int rollGapMm() = 0;
+    // Opens the next song and returns its program; nullopt when that fails.
+    virtual std::optional<JobProgram> openNextRoll() = 0;
+    // Asks a Yes/No question; answer() is called later, from the front end's event loop.
+    virtual void askYesNo(std::string_view question, bool defaultYes, std::function<void(bool)> answer) = 0;
+    // A message box.
+    virtual void showMessage(std::string_view text) = 0;
+    // The operator chose to mark the folds backwards after a laser job.
+    virtual void startBackwardFolds() = 0;
+};
+
+// A job for the program lines of the current song (chemin_morceau), with the machine type,
+// roll speed, punch size and Fourchette of the settings.
+JobProgram programForJob(const AppState& state, std::vector<std::string> lines, std::string fileName);
+
+// Outputs of the link, carried out by the adapter.
+struct DetectionDone {
+    bool grblFound = false;
+};
+struct CommandDone {
+    std::string command;
+    std::string reply;  // "ok", "error:N", or empty when the board restarted or the port closed
+};
+using LinkAction = std::variant<WriteBytes, ResumePoint, JobEnded, DetectionDone, CommandDone>;
+
+class GrblLink {
+public:
+    static constexpr std::int64_t kDetectionWaitMs = 2500;
+    static constexpr std::int64_t kNextRollPauseMs = 1000;
+
+    // state: settings, the log and the link flags (connecte, en_pause, ...) it keeps up to date.
+    explicit GrblLink(AppState& state);
+
+    void setHost(JobHost* host) { m_host = host; }
+    // A copy of every text appended to the log, as appended (CR LF included).
+    void setLogEcho(std::function<void(std::string_view)> echo) { m_log.setEcho(std::move(echo)); }
+
+    // The adapter tells whether the port is open.
+    void setPortOpen(bool open);
+    bool portOpen() const { return m_portOpen; }
+
+    // connexion_on: detects Grbl on the port just opened: its welcome text within 2.5 s, else a
+    // lone "\r" and 2.5 s more for an answer. Sets connecte at the end either way.
+    // quiet: a port scan's probe, which does not log "No Grbl on this board".
+    void connexion_on(std::int64_t nowMs, bool quiet = false);
+    // connexion_off: the port was closed: clears connecte, drops pending commands, ends a job.
+    void connexion_off();
+    bool detecting() const { return m_detection != Detection::None; }
+    // A message of the program in the log (CR LF appended).
+    void logLine(std::string_view message) { m_log.line(message); }
+
+    // envoi_commande ("send command"): queued; sent when nothing else is unanswered; the log
+    // shows the line and " < " + each received line until its "ok" or "error:N".
+    void envoi_commande(std::string line);
+    // Text1_KeyPress Enter: a console command ("$$" annotated from the glossary). Logs
+    // "Machine not connected" and returns false when the port is closed.
+    bool consoleCommand(std::string text);
+    // Commands queued or unanswered.
+    bool commandPending() const { return m_command.has_value() || !m_queue.empty(); }
+
+    // The key table's machine commands (Alt+arrows, Alt+Z, Alt+P, Alt+L).
+    void jog(char axis, int distanceMm);
+    void homeX();
+    void toolTest();
+    void laserPointer();
+
+    // Punch_button_Click -> envoi_programme: "Machine not connected" unless connected or in
+    // simulation mode; otherwise the job starts.
+    bool envoi_programme(JobProgram program, std::int64_t nowMs);
+    // Pause_button_Click: toggles pause and resume.
+    void Pause_button_Click();
+    // Stop_button_Click: cancels the job.
+    void Stop_button_Click();
+
+    void onBytes(std::string_view bytes);
+    void onLine(std::string_view line);
+    void onTick(std::int64_t nowMs);
+    std::vector<LinkAction> takeActions();
+
+    const JobStreamer& job() const { return m_job; }
+    bool jobRunning() const { return m_job.running() || m_nextRollDueMs.has_value() || m_nextRollJogPending; }
+
+private:
+    enum class Detection { None, Banner, Answer };
+    struct Command {
+        std::string text;
+        bool console = false;
+        bool annotate = false;
+    };
+
+    void write(std::string bytes);
+    void sendQueued();
+    void commandLine(std::string_view line, const Reply& reply);
+    void detectionLine(std::string_view line, const Reply& reply);
+    void finishDetection(bool grblFound);
+    void takeJobActions();
+    void jobEnded(const JobEnded& ended);
+    void rouleau_suivant();
+    void syncFlags();
+
+    AppState* m_state;
+    LogSink m_log;
+    JobStreamer m_job;
+    JobHost* m_host = nullptr;
+    LineAssembler m_lines;
+    SettingsAnnotator m_annotator;
+    bool m_portOpen = false;
+    std::int64_t m_now = 0;
+
+    Detection m_detection = Detection::None;
+    bool m_quietDetection = false;
+    std::int64_t m_detectionDeadlineMs = 0;
+    // Responses still owed to a line whose waiter has given up (the detection's "\r" when a
+    // message ended its wait first); they are logged and not taken for another line's answer.
+    int m_owedResponses = 0;
+
+    std::deque<Command> m_queue;
+    std::optional<Command> m_command;  // the command in flight
+
+    bool m_nextRollJogPending = false;
+    std::optional<std::int64_t> m_nextRollDueMs;
+
+    std::vector<LinkAction> m_actions;
+};
+
+}  // namespace veltrin

@@ -1,0 +1,153 @@
+#pragma once
+// JobStreamer: envoi_programme ("send program"), the streaming of a G-code program to Grbl
+// with one line in flight. It never touches a port or reads a clock.
+// Use: start() with the program, then feed every received line to onLine() and the time to
+// onTick(); carry out takeActions() (bytes to write, resume points, the end). pause(),
+// resume() and stop() are the Pause and Stop buttons.
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "machine/grbl_protocol.h"
+
+namespace veltrin {
+
+class MessageLog;
+
+// A program to punch and what the streamer needs to know about it.
+struct JobProgram {
+    std::vector<std::string> lines;
+    // Name shown after "Sending file : " (the program file's name).
+    std::string fileName;
+    // Song whose resume file is written while the job runs; empty: no resume file.
+    std::string songPath;
+    // Fourchette, line 4 of the resume file.
+    std::string Fourchette;
+    // Duration estimate of the program writer, in seconds (0 when unknown).
+    double estimatedSeconds = 0.0;
+    bool laser = true;
+    // Vitcarton (mm/s) and L_poincon (mm) turn a hole's Y back into its start time.
+    double Vitcarton = 60.0;
+    double L_poincon = 3.0;
+};
+
+// Outputs of the streamer, taken by the adapter.
+struct WriteBytes {
+    std::string bytes;
+};
+// The resume file's content is due: restart time and first line not yet acknowledged.
+struct ResumePoint {
+    std::string songPath;
+    std::string Fourchette;
+    double restartMs = 0.0;
+    long long restartLine = 0;
+};
+enum class JobOutcome { EndOfPunch, Cancelled, PortLost };
+struct JobEnded {
+    JobOutcome outcome = JobOutcome::EndOfPunch;
+    // The measure of the job for the learned durations (unset in simulation or when cancelled):
+    // seconds per hole (punch) or per millimetre of cut and travel (laser).
+    std::optional<double> measuredDuration;
+    // A line sent by the job is still unanswered (a Stop that gave up waiting for the "M5"
+    // answer): its response, should it come, belongs to nobody.
+    bool answerOwed = false;
+};
+using JobAction = std::variant<WriteBytes, ResumePoint, JobEnded>;
+
+// Writes what goes to the message log; an optional echo sees the same text (CLI output).
+class LogSink {
+public:
+    explicit LogSink(MessageLog& log) : m_log(&log) {}
+    void setEcho(std::function<void(std::string_view)> echo) { m_echo = std::move(echo); }
+    // Appends message + CR LF.
+    void line(std::string_view message);
+    // Appends text as it stands.
+    void raw(std::string_view text);
+    void trimTo(std::size_t maxChars);
+
+private:
+    MessageLog* m_log;
+    std::function<void(std::string_view)> m_echo;
+};
+
+class JobStreamer {
+public:
+    static constexpr std::int64_t kSimulationLineMs = 50;
+    static constexpr std::size_t kLogLimit = 10000;
+    // A Stop waits this long for the welcome text after its soft reset, then sends "M5" anyway.
+    static constexpr std::int64_t kStopBannerWaitMs = 2500;
+    // The resume file is rewritten at most this often (and at every hold, pause and end).
+    static constexpr std::int64_t kResumeEveryMs = 500;
+    static constexpr double kLinesBeforeMeasure = 20;
+
+    explicit JobStreamer(LogSink& log) : m_log(&log) {}
+
+    // Starts a job at nowMs; simulation writes nothing and shows a line every 50 ms.
+    void start(JobProgram program, bool simulation, std::int64_t nowMs);
+    void pause();
+    void resume();
+    void stop();
+    // The port closed under the job: it ends at once, after a last resume point.
+    void portLost();
+
+    void onLine(std::string_view line);
+    void onTick(std::int64_t nowMs);
+    std::vector<JobAction> takeActions();
+
+    bool running() const { return m_phase != Phase::Idle; }
+    bool en_pause() const { return m_pauseWanted; }
+    bool arret_demande() const { return m_stopWanted; }
+    bool held() const { return m_phase == Phase::Held; }
+    bool simulation() const { return m_simulation; }
+    // Progress: lines acknowledged (or shown, in simulation) of lineCount().
+    std::size_t progress() const { return m_next; }
+    std::size_t lineCount() const { return m_program.lines.size(); }
+    std::size_t okCount() const { return m_okCount; }
+    // temps_restant ("remaining time"): "hh:mm:ss".
+    std::string temps_restant() const;
+
+private:
+    enum class Phase { Idle, Resetting, Streaming, Paused, Held, Stopping };
+    enum class InFlight { None, ProgramLine, M5 };
+
+    void write(std::string bytes);
+    void sendNext();
+    void answered(const Reply& reply, std::string_view line);
+    void hold(std::string_view why);
+    void finish(JobOutcome outcome);
+    void sendStopM5();
+    void prepareHoles();
+    void emitResumePoint();
+
+    LogSink* m_log;
+    JobProgram m_program;
+    bool m_simulation = false;
+    Phase m_phase = Phase::Idle;
+    InFlight m_inFlight = InFlight::None;
+    std::size_t m_next = 0;  // first line not yet acknowledged (the one in flight, if any)
+    std::size_t m_okCount = 0;
+    bool m_pauseWanted = false;
+    bool m_stopWanted = false;
+    bool m_waitBannerForStop = false;
+    std::int64_t m_now = 0;
+    std::int64_t m_startMs = 0;
+    std::int64_t m_nextSimulatedMs = 0;
+    std::int64_t m_stopDeadlineMs = 0;
+    bool m_answerOwed = false;
+    std::int64_t m_lastResumeMs = 0;
+    std::optional<std::size_t> m_resumeWrittenFor;
+    // For each line, the index of the hole it belongs to (header lines: the next hole), and
+    // for each hole the earliest start among it and the holes after it.
+    std::vector<std::size_t> m_holeOfLine;
+    std::vector<double> m_earliestFrom;
+    double m_latestStart = 0.0;
+    double m_measureTotal = 0.0;  // holes (punch) or mm of motion (laser)
+    std::vector<JobAction> m_actions;
+};
+
+}  // namespace veltrin

@@ -1,0 +1,270 @@
+#include "machine/serial_port_qt.h"
+
+#include <QFileInfo>
+#include <QSerialPortInfo>
+
+#include "app/app_state.h"
+#include "midi/resume_file.h"
+
+namespace veltrin {
+
+MachinePort::MachinePort(AppState& state, QObject* parent)
+    : QObject(parent), m_state(&state), m_link(state)
+{
+    m_clock.start();
+    connect(&m_port, &QSerialPort::readyRead, this, &MachinePort::onReadyRead);
+    connect(&m_port, &QSerialPort::errorOccurred, this, &MachinePort::onError);
+    // The link's own waits (detection, simulation pace, Stop fallback, next roll) need no
+    // finer clock than this.
+    m_tick.setInterval(10);
+    connect(&m_tick, &QTimer::timeout, this, &MachinePort::onTick);
+    m_tick.start();
+    m_watch.setInterval(1000);
+    connect(&m_watch, &QTimer::timeout, this, &MachinePort::watchPorts);
+}
+
+MachinePort::~MachinePort()
+{
+    if (m_port.isOpen())
+        m_port.close();
+}
+
+QString MachinePort::systemName(const QString& field)
+{
+    const QString name = field.trimmed();
+#ifdef Q_OS_WIN
+    bool isNumber = false;
+    name.toInt(&isNumber);
+    if (isNumber)
+        return QStringLiteral("COM") + name;
+#endif
+    return name;
+}
+
+void MachinePort::parametres_port()
+{
+    m_port.setBaudRate(QSerialPort::Baud115200);
+    m_port.setDataBits(QSerialPort::Data8);
+    m_port.setParity(QSerialPort::NoParity);
+    m_port.setStopBits(QSerialPort::OneStop);
+    m_port.setFlowControl(QSerialPort::NoFlowControl);
+}
+
+bool MachinePort::openOnly(const QString& field)
+{
+    if (m_port.isOpen())
+        m_port.close();
+    const QString name = systemName(field);
+    if (name.isEmpty())
+        return false;
+    // A path is opened as given; a symbolic link is followed so that the watcher can match
+    // it with the port list.
+    QString location = name;
+    if (name.startsWith(QLatin1Char('/'))) {
+        const QFileInfo info(name);
+        if (info.isSymLink())
+            location = info.canonicalFilePath();
+    }
+    m_port.setPortName(location);
+    parametres_port();
+    if (!m_port.open(QIODevice::ReadWrite))
+        return false;
+    parametres_port();
+    // Opening raised DTR, which resets an Arduino (its welcome text follows); both lines then
+    // stay low. A pseudo-terminal has neither line, which is no fault.
+    m_port.setDataTerminalReady(false);
+    m_port.setRequestToSend(false);
+    m_port.clearError();
+    m_portName = location;
+    return true;
+}
+
+bool MachinePort::openPort(const QString& field)
+{
+    if (!openOnly(field)) {
+        m_link.setPortOpen(false);
+        carryOut();
+        emit stateChanged();
+        return false;
+    }
+    m_link.setPortOpen(true);
+    m_link.connexion_on(nowMs(), m_state->recherche_en_cours);
+    emit stateChanged();
+    return true;
+}
+
+bool MachinePort::punch(JobProgram program)
+{
+    const bool started = m_link.envoi_programme(std::move(program), nowMs());
+    carryOut();
+    return started;
+}
+
+void MachinePort::closePort()
+{
+    if (m_port.isOpen())
+        m_port.close();
+    m_link.setPortOpen(false);
+    carryOut();
+    emit stateChanged();
+}
+
+void MachinePort::openAtStartup()
+{
+    if (!openPort(QString::fromStdString(m_state->settings.AdressePort)))
+        scanPorts();
+}
+
+void MachinePort::portFieldChanged(const QString& field)
+{
+    if (m_state->recherche_en_cours)
+        return;
+    m_state->settings.AdressePort = field.toStdString();
+    if (m_port.isOpen())
+        closePort();
+    if (!openPort(field))
+        closePort();
+}
+
+void MachinePort::scanPorts()
+{
+    if (m_port.isOpen() || m_state->recherche_en_cours)
+        return;
+    m_scanCandidates.clear();
+    for (const QSerialPortInfo& info : QSerialPortInfo::availablePorts())
+        m_scanCandidates << info.systemLocation();
+    m_scanFirstOpened.clear();
+    m_scanFallback = false;
+    m_state->recherche_en_cours = true;
+    scanNext();
+}
+
+void MachinePort::scanNext()
+{
+    while (!m_scanCandidates.isEmpty()) {
+        const QString candidate = m_scanCandidates.takeFirst();
+        if (openPort(candidate)) {
+            if (m_scanFirstOpened.isEmpty())
+                m_scanFirstOpened = candidate;
+            return;  // the detection's end calls back
+        }
+    }
+    m_state->recherche_en_cours = false;
+    if (!m_scanFirstOpened.isEmpty()) {
+        // Nobody answered: keep the first port that opened; its detection says "No Grbl".
+        m_scanFallback = true;
+        m_state->settings.AdressePort = m_scanFirstOpened.toStdString();
+        openPort(m_scanFirstOpened);
+        return;
+    }
+    closePort();
+    emit scanFinished(false);
+}
+
+void MachinePort::onReadyRead()
+{
+    const QByteArray bytes = m_port.readAll();
+    m_link.onTick(nowMs());
+    m_link.onBytes(std::string_view(bytes.constData(), static_cast<std::size_t>(bytes.size())));
+    carryOut();
+}
+
+void MachinePort::onTick()
+{
+    m_link.onTick(nowMs());
+    carryOut();
+}
+
+void MachinePort::onError(QSerialPort::SerialPortError error)
+{
+    // The device went away: an unplugged board gives a resource error, a pseudo-terminal
+    // whose other end closed keeps failing to read (and would keep signalling so).
+    if ((error == QSerialPort::ResourceError || error == QSerialPort::ReadError) && m_port.isOpen()) {
+        m_port.clearError();
+        closePort();
+    }
+}
+
+void MachinePort::carryOut()
+{
+    bool changed = false;
+    for (;;) {
+        auto actions = m_link.takeActions();
+        if (actions.empty())
+            break;
+        changed = true;
+        for (auto& action : actions) {
+            if (auto* w = std::get_if<WriteBytes>(&action)) {
+                if (m_port.isOpen()) {
+                    m_port.write(w->bytes.data(), static_cast<qint64>(w->bytes.size()));
+                    // Out now rather than at the next turn of the event loop: with one line in
+                    // flight, that turn would be part of every line's round trip.
+                    m_port.flush();
+                }
+            } else if (auto* r = std::get_if<ResumePoint>(&action)) {
+                ResumeFile content;
+                content.songPath = r->songPath;
+                content.restartMs = r->restartMs;
+                content.restartLine = r->restartLine;
+                content.Fourchette = r->Fourchette;
+                if (!writeResumeFile(resumePathFor(r->songPath), content))
+                    m_link.logLine("Resume file not written: " + resumePathFor(r->songPath));
+            } else if (auto* d = std::get_if<DetectionDone>(&action)) {
+                const bool found = d->grblFound;
+                emit detectionFinished(found);
+                if (m_state->recherche_en_cours) {
+                    if (found) {
+                        m_state->recherche_en_cours = false;
+                        m_state->settings.AdressePort = m_portName.toStdString();
+                        emit scanFinished(true);
+                    } else {
+                        m_port.close();
+                        m_link.setPortOpen(false);
+                        QTimer::singleShot(20, this, &MachinePort::scanNext);
+                    }
+                } else if (m_scanFallback) {
+                    m_scanFallback = false;
+                    emit scanFinished(false);
+                }
+            } else if (auto* c = std::get_if<CommandDone>(&action)) {
+                emit commandFinished(QString::fromStdString(c->command), QString::fromStdString(c->reply));
+            } else if (auto* e = std::get_if<JobEnded>(&action)) {
+                emit jobEnded(e->outcome);
+            }
+        }
+    }
+    if (changed)
+        emit stateChanged();
+}
+
+void MachinePort::setWatching(bool on)
+{
+    m_knownPorts.clear();
+    for (const QSerialPortInfo& info : QSerialPortInfo::availablePorts())
+        m_knownPorts.insert(info.systemLocation());
+    if (on)
+        m_watch.start();
+    else
+        m_watch.stop();
+}
+
+void MachinePort::watchPorts()
+{
+    QSet<QString> now;
+    for (const QSerialPortInfo& info : QSerialPortInfo::availablePorts())
+        now.insert(info.systemLocation());
+    if (m_port.isOpen() && m_knownPorts.contains(m_portName) && !now.contains(m_portName))
+        closePort();
+    for (const QString& location : now) {
+        if (m_knownPorts.contains(location))
+            continue;
+        m_link.logLine("Arduino detected");
+        if (!m_port.isOpen() && !m_state->recherche_en_cours) {
+            m_state->settings.AdressePort = location.toStdString();
+            openPort(location);
+        }
+    }
+    m_knownPorts = now;
+}
+
+}  // namespace veltrin

@@ -1,0 +1,103 @@
+#include <gtest/gtest.h>
+
+#include "machine/grbl_protocol.h"
+
+namespace veltrin {
+namespace {
+
+TEST(LineAssembler, JoinsLinesCutBetweenReadsAndDropsCarriageReturnsAndNul)
+{
+    LineAssembler lines;
+    EXPECT_TRUE(lines.feed("o").empty());
+    EXPECT_EQ(lines.pending(), "o");
+    EXPECT_EQ(lines.feed("k\r\nerr"), std::vector<std::string>{"ok"});
+    EXPECT_EQ(lines.feed(std::string("or:2", 4) + std::string("\0\r\n", 3) + "<Idle|MPos:0.000>\n"),
+              (std::vector<std::string>{"error:2", "<Idle|MPos:0.000>"}));
+    // The welcome text starts with an empty line, which is not a line of its own.
+    EXPECT_EQ(lines.feed("\r\nGrbl 1.1h ['$' for help]\r\n"),
+              std::vector<std::string>{"Grbl 1.1h ['$' for help]"});
+}
+
+TEST(ClassifyReply, OnlyOkAndErrorAnswerALine)
+{
+    struct Case {
+        const char* line;
+        ReplyKind kind;
+        int code;
+    };
+    const Case cases[] = {
+        {"ok", ReplyKind::Ok, 0},
+        {"error:22", ReplyKind::Error, 22},
+        {"ALARM:1", ReplyKind::Alarm, 1},
+        {"Grbl 1.1h ['$' for help]", ReplyKind::Banner, 0},
+        {"[MSG:'$H'|'$X' to unlock]", ReplyKind::Message, 0},
+        {"<Hold:0|MPos:1.000,2.000,0.000|FS:0,0>", ReplyKind::Status, 0},
+        {"$110=500.000", ReplyKind::Setting, 0},
+        {"okay", ReplyKind::Other, 0},
+        {">G1X1:ok", ReplyKind::Other, 0},
+    };
+    for (const auto& c : cases) {
+        const Reply r = classifyReply(c.line);
+        EXPECT_EQ(r.kind, c.kind) << c.line;
+        EXPECT_EQ(r.code, c.code) << c.line;
+        EXPECT_EQ(isResponse(r), c.kind == ReplyKind::Ok || c.kind == ReplyKind::Error) << c.line;
+    }
+}
+
+TEST(LineToSend, StripsCommentsAndRealTimeBytes)
+{
+    EXPECT_EQ(lineToSend("$HX ;X origin search"), "$HX");
+    EXPECT_EQ(lineToSend(";Laser gcode of the file : Why?!"), "");
+    EXPECT_EQ(lineToSend("G0 X1 (fast ~ move) Y2"), "G0 X1  Y2");
+    EXPECT_EQ(lineToSend("G1 X3!?~ F800"), "G1 X3 F800");
+    EXPECT_EQ(lineToSend("G1 Y4\x18\r"), "G1 Y4");
+    EXPECT_EQ(lineToSend("G1 Y5 \xC3\xA9"), "G1 Y5");
+    EXPECT_EQ(lineToSend("   "), "");
+    EXPECT_EQ(lineToSend("M3 S1000 F8000"), "M3 S1000 F8000");
+}
+
+TEST(KeyCommands, JogsCarryTheMachineFeedAsAWholeNumber)
+{
+    EXPECT_EQ(jogFeed(true, "1500.9", "8000"), 1500);
+    EXPECT_EQ(jogFeed(false, "1500", "8000 mm/min"), 8000);
+    EXPECT_EQ(jogCommand('X', 50, 1500), "$J=G91X50F1500");
+    EXPECT_EQ(jogCommand('Y', -50, 800), "$J=G91Y-50F800");
+    EXPECT_EQ(nextRollJog(120, 8000), "$J=G91Y120F8000");
+}
+
+TEST(Glossary, PairsLinesByPositionAndStopsAfterTheLastEntry)
+{
+    std::vector<std::string> glossary;
+    remplir_glossaire(glossary);
+    ASSERT_EQ(glossary.size(), 35u);
+    EXPECT_EQ(glossary[7], " (Status report option)");
+    EXPECT_EQ(glossary[34], " ");
+
+    SettingsAnnotator annotator(glossary);
+    annotator.restart();
+    EXPECT_EQ(annotator.annotate("$0=10"), "$0=10 (Step pulse time)");
+    EXPECT_EQ(annotator.annotate("$1=25"), "$1=25 (Step idle delay)");
+    for (int i = 2; i < 34; ++i)
+        annotator.annotate("$x=0");
+    EXPECT_EQ(annotator.annotate("ok"), "ok ");
+    EXPECT_EQ(annotator.annotate("$200=1"), "$200=1");
+    annotator.restart();
+    EXPECT_EQ(annotator.annotate("$0=10"), "$0=10 (Step pulse time)");
+}
+
+TEST(TimeTexts, ClockTextAndLearnedDuration)
+{
+    EXPECT_EQ(remainingClock(0), "00:00:00");
+    EXPECT_EQ(remainingClock(3661.4), "01:01:01");
+    EXPECT_EQ(remainingClock(59.6), "00:01:00");
+    EXPECT_EQ(remainingClock(86399), "23:59:59");
+    EXPECT_EQ(remainingClock(86400 + 61), "00:01:01");
+    EXPECT_EQ(remainingClock(-5), "00:00:00");
+
+    EXPECT_DOUBLE_EQ(learnedDuration(999, 0.25), 0.25);
+    EXPECT_DOUBLE_EQ(learnedDuration(0.5, 0.25), 0.375);
+    EXPECT_DOUBLE_EQ(learnedDuration(998.9, 1.1), 500);
+}
+
+}  // namespace
+}  // namespace veltrin
