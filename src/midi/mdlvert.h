@@ -1,6 +1,8 @@
 #pragma once
 // mdlvert: the MIDI decoder. Vertalen turns a Standard MIDI File (format 0 or 1) into text
 // event lines ("NOTE", "NOOF", "TEMP", ... then "ENDF 9999999" and "HEAD ##10000 ...").
+// The lines are read by fixed character columns elsewhere, so their layout is fixed:
+// keyword in columns 1-4, then fields of one blank and a zero-padded number (fixedWidth).
 
 #include <cstdint>
 #include <span>
@@ -10,9 +12,10 @@
 namespace veltrin {
 
 struct DecodeOptions {
-    // Forced tempo in beats per minute; 0 uses the file's own tempo events.
+    // Forced tempo in beats per minute; 0 (or less) uses the file's own tempo events.
     int forcedTempoBpm = 0;
-    // Honour the sustain pedal (controller 64).
+    // Honour the sustain pedal (controller 64): notes released while it is down end when
+    // it is lifted.
     bool sustain = false;
 };
 
@@ -27,7 +30,8 @@ struct DecodeResult {
 };
 
 // Vertalen ("convert"): decodes the bytes of the MIDI file at path (the path is only written
-// into the HEAD line). On an error the lines produced before it are kept.
+// into the HEAD line). On an error the lines produced before it are kept and no ENDF or HEAD
+// line is written. Never reads outside bytes, whatever they hold.
 DecodeResult Vertalen(std::span<const std::uint8_t> bytes, const std::string& path,
                       const DecodeOptions& options = {});
 
