@@ -18,6 +18,8 @@ packages=(
   xvfb xauth
   # the C MIDI reader the benchmarks compare against
   midicsv
+  # the reference checkers of the decoder and of the programs' holes
+  python3
 )
 
 missing=()

@@ -14,4 +14,30 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
 
+// decode SONG.mid [--sustain] [--tempo BPM]: the decoder's event lines on stdout.
+void addDecodeCommand(CLI::App& app, int& exitCode);
+
+// convert SONG.mid|SONG.mid.rep [--machine laser|punch] [--scale NAME] [--set KEY=VALUE]...
+// [--start-mark MS] [--end-mark MS] [--no-width-search] [--out PATH] [--defaults]: the open
+// command; prints the import's log and the program's path.
+void addConvertCommand(CLI::App& app, int& exitCode);
+
+// scales: the organ scale names, built-ins first, then the Instruments folder's files.
+void addScalesCommand(CLI::App& app, int& exitCode);
+
+// stream PROGRAM.gcode --port PORT [--simulate] [--song SONG.mid] [--set KEY=VALUE]...
+// [--defaults]: Punch on that file; the log on stdout; exit 0 after "End of punch", 1 when
+// not connected, cancelled or failed.
+void addStreamCommand(CLI::App& app, int& exitCode);
+
+// console --port PORT [--set KEY=VALUE]... [--defaults]: Grbl commands from stdin, each
+// waiting for its answer; the log on stdout.
+void addConsoleCommand(CLI::App& app, int& exitCode);
+
+// emulate [--speed F] [--record FILE] [--link PATH] [--stock] [--factory-settings]
+// [--boot-ms N] [--split-replies] [--reply-delay-ms N] [--error-at K:N] [--alarm-at K:N]
+// [--silent-after K] [--hangup-after K]: a Grbl 1.1 board on a pseudo-terminal whose path is
+// the first line on stdout; runs until SIGINT/SIGTERM or the hang-up fault.
+void addEmulateCommand(CLI::App& app, int& exitCode);
+
 }  // namespace veltrin::cli

@@ -12,6 +12,12 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     int exitCode = veltrin::cli::kExitOk;
     // Commands (one line each; see cli_commands.h).
+    veltrin::cli::addConvertCommand(app, exitCode);
+    veltrin::cli::addDecodeCommand(app, exitCode);
+    veltrin::cli::addScalesCommand(app, exitCode);
+    veltrin::cli::addStreamCommand(app, exitCode);
+    veltrin::cli::addConsoleCommand(app, exitCode);
+    veltrin::cli::addEmulateCommand(app, exitCode);
 
     try {
         app.parse(argc, argv);

@@ -55,4 +55,25 @@ struct Settings {
 // A settings field read as a number (leading-number rule: "." separator, no number -> 0).
 double num(const std::string& field);
 
+// One key of the settings store (section "Startup") and the text used when it is missing.
+struct SettingKey {
+    std::string_view key;
+    std::string_view defaultValue;
+};
+
+// Every key of the store with its default. "Port" holds AdressePort; the AF twins
+// (VitcartonAF, LdecoupeAF, Dist_notesAF, TalonAF) hold the 20-note scale's values of
+// Vitcarton, Ldecoupe, Dist_notes and Talon.
+const std::vector<SettingKey>& settingKeys();
+
+// The default text of key; empty for an unknown key.
+std::string_view settingDefault(std::string_view key);
+
+// True when key is one of settingKeys().
+bool isSettingKey(std::string_view key);
+
+// The field that key names directly: its field of the same name, AdressePort for "Port".
+// nullptr for the AF twins (they have no field of their own) and for unknown keys.
+std::string* settingField(Settings& settings, std::string_view key);
+
 }  // namespace veltrin

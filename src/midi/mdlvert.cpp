@@ -175,7 +175,6 @@ private:
     bool skip(std::uint64_t count);
     // A variable-length quantity of at most four bytes; sets error 2 or 1 itself.
     bool readVarLen(std::uint32_t& value);
-    std::uint32_t be32(std::size_t at) const;
     std::uint16_t be16(std::size_t at) const;
 
     bool fail(int code, std::size_t offset);
@@ -204,7 +203,6 @@ private:
     std::size_t m_pos = 0;
     std::size_t m_limit = 0;
     std::size_t m_eventStart = 0;
-    bool m_chunkInFile = false;  // the track chunk's declared end lies within the file
 
     int m_format = 0;
     int m_division = 0;
@@ -256,12 +254,6 @@ bool Decoder::readVarLen(std::uint32_t& value)
             return true;
     }
     return fail(kErrDeltaTime, m_eventStart);
-}
-
-std::uint32_t Decoder::be32(std::size_t at) const
-{
-    return (std::uint32_t{m_bytes[at]} << 24) | (std::uint32_t{m_bytes[at + 1]} << 16) |
-           (std::uint32_t{m_bytes[at + 2]} << 8) | std::uint32_t{m_bytes[at + 3]};
 }
 
 std::uint16_t Decoder::be16(std::size_t at) const
@@ -581,13 +573,8 @@ bool Decoder::decodeTrack()
     startTrack();
     for (;;) {
         m_eventStart = m_pos;
-        if (m_pos >= m_limit) {
-            // A chunk that ends without its end-of-track event ends the track; running out of
-            // file does not.
-            if (m_chunkInFile)
-                return true;
+        if (m_pos >= m_limit)
             return failEof();
-        }
         std::uint32_t delta = 0;
         if (!readVarLen(delta))
             return false;
@@ -679,12 +666,13 @@ void Decoder::run()
         fail(kErrEof, 0);
         return;
     }
-    const std::uint32_t headerLength = be32(4);
     m_format = be16(8);
     const int trackCount = be16(10);
     m_division = static_cast<std::int16_t>(be16(12));
-    // A longer header is skipped to its end; a shorter or impossible length is not trusted.
-    m_pos = (headerLength >= 6 && headerLength <= size - 8) ? 8 + headerLength : 14;
+    // The header's length field is read past, not used: the first "MTrk" must follow the
+    // division at once. Likewise a track's length is not used (below).
+    m_pos = 14;
+    m_limit = size;
 
     // 2. Tempo map: entry 0 is the initial (or forced) tempo at tick 0.
     std::int64_t initialTempo = kDefaultTempo;
@@ -708,16 +696,13 @@ void Decoder::run()
             fail(kErrEof, chunkStart);
             return;
         }
-        const std::uint32_t length = be32(m_pos + 4);
+        // Events are read one after another up to the end-of-track event, and the next
+        // "MTrk" is expected right after it: a chunk length that disagrees with the events
+        // is not trusted.
         m_pos += 8;
-        m_chunkInFile = length <= size - m_pos;
-        m_limit = m_chunkInFile ? m_pos + length : size;
         m_firstTrack = track == 0;
         if (!decodeTrack())
             return;
-        // Whatever follows the end-of-track event inside the chunk is not read.
-        if (m_chunkInFile)
-            m_pos = m_limit;
     }
 
     // 4. Notes still held by a pedal at the end of the song end there.
