@@ -97,6 +97,8 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
     // 4. Band width, then the program. A resumed job keeps its band width so the holes
     // come in the same order as in the interrupted program; it restarts at the first hole
     // not yet acknowledged.
+    // The search leaves the song split, which the program then keeps.
+    bool splitKept = false;
     if (report.resumed) {
         if (report.restartMs > 0.0)
             state.debut_marque = report.restartMs;
@@ -105,8 +107,9 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
         if (!width)
             return fail(ImportError::ProgramNotWritten, width.detail());
         saveFourchette(state, options);
+        splitKept = true;
     }
-    auto program = Genere_GCode(state, false, false);
+    auto program = Genere_GCode(state, splitKept, false);
     if (!program)
         return fail(ImportError::ProgramNotWritten, program.detail());
     report.programPath = std::move(program.value());

@@ -54,7 +54,8 @@ Result<ImportReport, ImportError> Ouvre_midi(AppState& state, const std::vector<
 // Opens the entry of Liste_fichiers at currentFileIndex: resets the end mark to 500000 and
 // the song's plan, reads a resume file when the path ends in "rep", logs the machine line,
 // decodes the song into Liste_tran, logs "Midi file de-assembling", runs the width search
-// (unless resuming or switched off) and Genere_GCode(false, false).
+// (unless resuming or switched off) and Genere_GCode: (false, false) without a search, and
+// (true, false) after one, since the search has already split the song the same way.
 Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportOptions& options = {});
 
 // The answer to "Define the distance between successive rolls (in mm)" as whole

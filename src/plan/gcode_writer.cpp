@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string_view>
 
 #include "plan/plan_steps.h"
 #include "app/numeric_text.h"
@@ -11,16 +12,22 @@ namespace veltrin {
 
 namespace {
 
+// The program text, grown in one buffer. A line's parts are texts and numbers; numbers are
+// written in plainNumber's form. A silent program neither formats nor keeps anything.
 class ProgramText {
 public:
-    explicit ProgramText(bool silent) : m_silent(silent) {}
+    ProgramText(bool silent, std::size_t expectedBytes) : m_silent(silent)
+    {
+        if (!silent)
+            m_text.reserve(expectedBytes);
+    }
     // Appends one line with its CR LF (nothing when silent).
     template <typename... Parts>
     void line(const Parts&... parts)
     {
         if (m_silent)
             return;
-        (m_text.append(parts), ...);
+        (put(parts), ...);
         m_text.append("\r\n");
         ++m_count;
     }
@@ -28,9 +35,47 @@ public:
     std::string take() { return std::move(m_text); }
 
 private:
+    void put(std::string_view text) { m_text.append(text); }
+    void put(double number) { appendPlainNumber(m_text, number); }
+
     bool m_silent;
     std::string m_text;
     int m_count = 0;
+};
+
+// What a hole's X depends on, worked out once per track up to the highest of the pieces:
+// Position_piste, the far X of a laser cut, and their texts (not for a silent program).
+struct TrackColumns {
+    std::vector<double> x1;
+    std::vector<std::string> x1Text;
+    std::vector<std::string> x2Text;
+
+    TrackColumns(const PlanValues& v, const std::vector<Piece>& pieces, bool silent)
+    {
+        int highest = 0;
+        for (const Piece& piece : pieces)
+            highest = std::max(highest, piece.track);
+        const auto count = static_cast<std::size_t>(highest) + 1;
+        x1.resize(count);
+        if (!silent) {
+            x1Text.resize(count);
+            x2Text.resize(count);
+        }
+        for (int track = 0; track <= highest; ++track) {
+            const auto i = static_cast<std::size_t>(track);
+            x1[i] = Position_piste(v, track);
+            if (silent)
+                continue;
+            appendPlainNumber(x1Text[i], x1[i]);
+            appendPlainNumber(x2Text[i], farX(v, track, x1[i]));
+        }
+    }
+
+    // The X where a laser cut of the track ends: wider for the bass holes of the 20-note scale.
+    static double farX(const PlanValues& v, int track, double x1)
+    {
+        return x1 + (v.standard_AF_actif && track < 4 ? v.BassesAF : v.Ldecoupe);
+    }
 };
 
 }  // namespace
@@ -40,7 +85,9 @@ Program writeProgram(const WriterInput& input, bool silent)
     Program program;
     ProgramTotals& t = program.totals;
     const PlanValues& v = input.values;
-    ProgramText out(silent);
+    const std::vector<Piece>& finale = *input.finale;
+    // About 90 bytes for the five lines of a laser hole, 30 for the two of a strike.
+    ProgramText out(silent, 512 + finale.size() * (v.laser ? 96 : 32));
     const std::string originText = plainNumber(v.origine_x);
 
     // 1. Title, header and tool.
@@ -68,42 +115,56 @@ Program writeProgram(const WriterInput& input, bool silent)
                  " ; M4 = Adaptative power according to speed up to ", input.Laser_power, "max");
 
     // 2. The holes between the marks, in travel order.
-    const double markStart = std::floor(input.marks.startMs);
-    const double markEnd = std::floor(input.marks.endMs);
-    const bool toTheEnd = !input.marks.endSet();
-    double previousX = 0.0;
-    double previousY = 0.0;
-    const std::vector<Piece>& finale = *input.finale;
+    const TrackColumns columns(v, finale, silent);
+    if (!silent)
+        program.holes.reserve(finale.size());
+    std::string x1Text;  // a hole's corner, written twice
+    std::string y1Text;
+    const MarkFilter betweenMarks(input.marks);
+    TravelLength travel;
     for (const Piece& piece : finale) {
         const double start = piece.startMs;
         const double end = piece.endMs;
-        if (!(markStart <= start && (toTheEnd || start < markEnd)))
+        if (!betweenMarks.keeps(start))
             continue;
-        const double x1 = Position_piste(v, piece.track);
+        // Tracks come from the scale's table, so never below 0; the formula stays for others.
+        const bool known = piece.track >= 0;
+        const auto track = static_cast<std::size_t>(piece.track);
+        const double x1 = known ? columns.x1[track] : Position_piste(v, piece.track);
+        if (!silent) {
+            x1Text.clear();
+            if (known)
+                x1Text.append(columns.x1Text[track]);
+            else
+                appendPlainNumber(x1Text, x1);
+        }
         double y1 = 0.0;
         if (!silent)
             program.holes.emplace_back(piece, out.count());
         if (!v.laser) {
             // A strike is centred half a punch length after the piece's start.
-            y1 = v.Vitcarton * start / 1000.0 + v.L_poincon / 2.0;
-            out.line("G0 X", plainNumber(x1), " Y", plainNumber(y1));
+            y1 = holeY(v, piece);
+            out.line("G0 X", x1Text, " Y", y1);
             // Each strike moves Z from one end to the other.
             out.line(static_cast<long long>(t.nb_frappes) % 2 == 0 ? "G1 Z1" : "G1 Z-1");
             t.nb_frappes += 1.0;
             t.y_max = std::max(t.y_max, y1);
         } else {
-            y1 = v.Vitcarton * start / 1000.0;
+            y1 = holeY(v, piece);
             if (!t.anyHole)
                 t.y_premiere_coupe = y1;
-            const double x2 = x1 + (v.standard_AF_actif && piece.track < 4 ? v.BassesAF : v.Ldecoupe);
+            const double x2 = TrackColumns::farX(v, piece.track, x1);
             const double y2 = end * v.Vitcarton / 1000.0;
             if (!silent) {
-                const std::string x1Text = plainNumber(x1);
-                const std::string y1Text = plainNumber(y1);
+                y1Text.clear();
+                appendPlainNumber(y1Text, y1);
                 // Travel with the beam off (G0), then the rectangle clockwise back to its corner.
                 out.line("G0 X", x1Text, " Y", y1Text);
-                out.line("G1 X", plainNumber(x2), " F", feed);
-                out.line("G1 Y", plainNumber(y2), " F", feed);
+                if (known)
+                    out.line("G1 X", columns.x2Text[track], " F", feed);
+                else
+                    out.line("G1 X", x2, " F", feed);
+                out.line("G1 Y", y2, " F", feed);
                 out.line("G1 X", x1Text, " F", feed);
                 out.line("G1 Y", y1Text, " F", feed);
             }
@@ -111,13 +172,11 @@ Program writeProgram(const WriterInput& input, bool silent)
             t.longueur_coupe += 2.0 * (y2 - y1) + 2.0 * v.Ldecoupe;
             t.y_max = std::max(t.y_max, y2);
         }
-        t.distance_totale += std::sqrt((x1 - previousX) * (x1 - previousX) +
-                                       (y1 - previousY) * (y1 - previousY));
-        previousX = x1;
-        previousY = y1;
+        travel.moveTo(x1, y1);
         t.anyHole = true;
         t.lastY1 = y1;
     }
+    t.distance_totale = travel.total;
     out.line("G0 M5 S0");
 
     // 3. The roll length comes from the last piece in travel order, inside the marks or not.

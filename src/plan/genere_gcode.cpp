@@ -166,8 +166,8 @@ Result<double, PlanError> searchBestWidth(AppState& state)
     std::vector<std::string> playLines;
     const std::vector<std::string> noteLines = pairNotes(state.Liste_tran, playLines);
     const bool fractionner = !(values.laser && leadingNumber(state.settings.Lgponts) == 0.0);
-    const std::vector<Piece> pieces =
-        Decoupe_notes(noteLines, fractionner, values, state.scale).pieces;
+    SplitResult split = Decoupe_notes(noteLines, fractionner, values, state.scale);
+    const std::vector<Piece>& pieces = split.pieces;
 
     const double current = leadingNumber(state.settings.Fourchette);
     std::vector<double> candidates;
@@ -175,25 +175,22 @@ Result<double, PlanError> searchBestWidth(AppState& state)
         candidates.push_back(mm);
     candidates.push_back(current);
 
-    std::vector<Piece> finale;
-    WriterInput input = writerInput(state, values, finale);
+    // Each band time is measured once, though two widths may give the same.
+    std::vector<int> times;
+    for (const double width : candidates) {
+        const int temps_fourchette = bandTime(width, values.Vitcarton);
+        if (std::find(times.begin(), times.end(), temps_fourchette) == times.end())
+            times.push_back(temps_fourchette);
+    }
+    const std::vector<double> distances = travelDistances(pieces, times, values, markRange(state));
+
     double bestWidth = 0.0;
     double bestDistance = std::numeric_limits<double>::infinity();
     state.gauge1_max = static_cast<int>(candidates.size());
-    std::vector<std::pair<int, double>> measured;  // band time and its distance
     for (std::size_t i = 0; i < candidates.size(); ++i) {
         const double width = candidates[i];
-        const int temps_fourchette = bandTime(width, values.Vitcarton);
-        double distance = 0.0;
-        const auto known = std::find_if(measured.begin(), measured.end(),
-                                        [&](const auto& m) { return m.first == temps_fourchette; });
-        if (known != measured.end()) {
-            distance = known->second;
-        } else {
-            finale = Optimise_trajets(pieces, temps_fourchette, values);
-            distance = writeProgram(input, true).totals.distance_totale;
-            measured.emplace_back(temps_fourchette, distance);
-        }
+        const auto time = std::find(times.begin(), times.end(), bandTime(width, values.Vitcarton));
+        const double distance = distances[static_cast<std::size_t>(time - times.begin())];
         if (distance < bestDistance || (distance == bestDistance && width < bestWidth)) {
             bestDistance = distance;
             bestWidth = width;
@@ -201,6 +198,12 @@ Result<double, PlanError> searchBestWidth(AppState& state)
         state.gauge1_value = static_cast<int>(i);
     }
     state.recherche_largeur = false;
+    // The split stays as the song's plan, as Genere_GCode(state, false, ...) would make it:
+    // the band width takes no part in it.
+    state.Liste_play = std::move(playLines);
+    state.List_GC_Ycroissant = std::move(split.pieces);
+    state.notes_hors_gamme = split.notes_hors_gamme;
+    state.piste_courante = split.piste_courante;
     if (bestWidth != current)
         state.settings.Fourchette = plainNumber(bestWidth);
     return bestWidth;

@@ -30,6 +30,8 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
 // then orders it for every band width from 1 to 30 mm and for the current Fourchette, and
 // keeps the width with the smallest distance_totale (the smaller width on a tie). The
 // chosen width goes into state.settings.Fourchette; returns it in mm. Nothing is written.
+// The split is kept as the song's plan (Liste_play, List_GC_Ycroissant, notes_hors_gamme,
+// piste_courante), so that Genere_GCode(state, true, false) then orders it at that width.
 Result<double, PlanError> searchBestWidth(AppState& state);
 
 // The change handlers of the plan's settings. A change of Type_machine, Lgponts or

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 
 #include "app/numeric_text.h"
 #include "plan/plan_steps.h"
@@ -23,6 +24,54 @@ std::int32_t roundedMs(double ms)
 {
     // Piece times are written with the pattern "0000000": rounded half away from zero.
     return static_cast<std::int32_t>(std::round(ms));
+}
+
+// leadingNumber of a field of a note line, whose fields are plain digits but for lines
+// written by hand: digits alone are read directly.
+double fieldNumber(std::string_view field)
+{
+    if (field.empty() || field.size() > 9)
+        return leadingNumber(field);
+    long value = 0;
+    for (const char c : field) {
+        if (c < '0' || c > '9')
+            return leadingNumber(field);
+        value = value * 10 + (c - '0');
+    }
+    return static_cast<double>(value);
+}
+
+// The first eight characters of text as one number whose order is the text order of those
+// characters (missing characters count as 0).
+std::uint64_t prefixKey(const std::string& text)
+{
+    std::uint64_t key = 0;
+    for (std::size_t i = 0; i < 8; ++i)
+        key = (key << 8) | (i < text.size() ? static_cast<unsigned char>(text[i]) : 0U);
+    return key;
+}
+
+// Sorts lines in std::string order. The lines begin with fixed-width times, so comparing
+// their first eight characters as one number settles most comparisons.
+void sortLines(std::vector<std::string>& lines)
+{
+    struct Entry {
+        std::uint64_t key;
+        std::uint32_t index;
+    };
+    std::vector<Entry> entries(lines.size());
+    for (std::size_t i = 0; i < lines.size(); ++i)
+        entries[i] = Entry{prefixKey(lines[i]), static_cast<std::uint32_t>(i)};
+    std::sort(entries.begin(), entries.end(), [&lines](const Entry& a, const Entry& b) {
+        if (a.key != b.key)
+            return a.key < b.key;
+        return lines[a.index] < lines[b.index];
+    });
+    std::vector<std::string> sorted;
+    sorted.reserve(lines.size());
+    for (const Entry& entry : entries)
+        sorted.push_back(std::move(lines[entry.index]));
+    lines = std::move(sorted);
 }
 
 }  // namespace
@@ -70,24 +119,33 @@ std::vector<std::string> pairNotes(const std::vector<std::string>& Liste_tran,
                                    std::vector<std::string>& playLines)
 {
     std::vector<std::string> notes;
+    notes.reserve(Liste_tran.size() / 2);
     playLines.clear();
+    playLines.reserve(Liste_tran.size());
     std::string pending;
-    std::string lastNote;  // note number of the last NOTE line, for the NOOF playback line
+    std::string_view lastNote;  // note number of the last NOTE line, for the NOOF playback line
+    auto playLine = [&](std::string_view line, std::string_view what) {
+        std::string& play = playLines.emplace_back();
+        play.reserve(16);
+        play.append(mid(line, 6, 8)).append(lastNote).append(what);
+    };
     for (const std::string& line : Liste_tran) {
         const std::string_view keyword = mid(line, 1, 4);
         if (keyword == "NOTE") {
-            lastNote = std::string(mid(line, 29, 3));
-            pending = std::string(mid(line, 6, 7)) + " " + lastNote;
-            playLines.push_back(std::string(mid(line, 6, 8)) + lastNote + " NOTE");
+            lastNote = mid(line, 29, 3);
+            pending.assign(mid(line, 6, 7)).append(" ").append(lastNote);
+            playLine(line, " NOTE");
         } else if (keyword == "NOOF") {
             // Positional on purpose: a NOOF closes whatever note was opened last.
-            notes.push_back(pending + " " + std::string(mid(line, 6, 7)));
+            std::string& note = notes.emplace_back();
+            note.reserve(19);
+            note.append(pending).append(" ").append(mid(line, 6, 7));
             pending.clear();
-            playLines.push_back(std::string(mid(line, 6, 8)) + lastNote + " NOOF");
+            playLine(line, " NOOF");
         }
     }
-    std::sort(notes.begin(), notes.end());
-    std::sort(playLines.begin(), playLines.end());
+    sortLines(notes);
+    sortLines(playLines);
     return notes;
 }
 
@@ -111,10 +169,10 @@ SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fracti
 
     for (const std::string& line : noteLines) {
         // 2. The note line's fields.
-        double start = leadingNumber(mid(line, 1, 7));
-        const double end = leadingNumber(mid(line, 13, 7));
+        double start = fieldNumber(mid(line, 1, 7));
+        const double end = fieldNumber(mid(line, 13, 7));
         const double duree = end - start;
-        const double note = leadingNumber(mid(line, 9, 3));
+        const double note = fieldNumber(mid(line, 9, 3));
 
         // 3. Its track: the first table entry that plays this note.
         int piste = -1;
@@ -151,7 +209,8 @@ SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fracti
             add(start, end);
         }
     }
-    std::sort(result.pieces.begin(), result.pieces.end(), planOrder);
+    std::sort(result.pieces.begin(), result.pieces.end(),
+              [](const Piece& a, const Piece& b) { return planOrder(a, b); });
     return result;
 }
 

@@ -4,6 +4,7 @@
 // Genere_GCode (genere_gcode.h) chains them on an AppState; tests and the width search call
 // them directly.
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -89,6 +90,46 @@ struct MarkRange {
     bool startSet() const { return startMs > 0.0; }
     bool endSet() const { return endMs != 500000.0; }
 };
+
+// Where a hole starts along the roll: the start of a laser cut, the centre of a strike.
+inline double holeY(const PlanValues& v, const Piece& piece)
+{
+    const double start = piece.startMs;
+    return v.laser ? v.Vitcarton * start / 1000.0 : v.Vitcarton * start / 1000.0 + v.L_poincon / 2.0;
+}
+
+// Which pieces are written between the marks: those starting from the start mark's whole
+// ms up to, but not including, the end mark's (to the end when no end mark is set).
+struct MarkFilter {
+    double start;
+    double end;
+    bool toTheEnd;
+    explicit MarkFilter(const MarkRange& marks)
+        : start(std::floor(marks.startMs)), end(std::floor(marks.endMs)), toTheEnd(!marks.endSet())
+    {
+    }
+    bool keeps(double startMs) const { return start <= startMs && (toTheEnd || startMs < end); }
+};
+
+// The straight-line travel from hole to hole, from the origin (0, 0) on.
+struct TravelLength {
+    double total = 0.0;
+    double x = 0.0;
+    double y = 0.0;
+    void moveTo(double toX, double toY)
+    {
+        total += std::sqrt((toX - x) * (toX - x) + (toY - y) * (toY - y));
+        x = toX;
+        y = toY;
+    }
+};
+
+// writeProgram's distance_totale for the pieces Optimise_trajets would give at each band
+// width of widths (as times), without making the programs or the ordered lists: the
+// measures of the band-width search.
+std::vector<double> travelDistances(const std::vector<Piece>& ycroissant,
+                                    const std::vector<int>& widths, const PlanValues& values,
+                                    const MarkRange& marks);
 
 struct ProgramTotals {
     double nb_frappes = 0.0;

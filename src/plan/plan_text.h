@@ -11,6 +11,10 @@ namespace veltrin {
 // == "12,346", fixedDecimals(0.5, 2, 1, '.') == "0.50".
 std::string fixedDecimals(double value, int decimals, int minIntegerDigits, char decimalSeparator);
 
+// Appends plainNumber(value) to out, the same text without making strings of its own: the
+// program writer's form for its many coordinates.
+void appendPlainNumber(std::string& out, double value);
+
 // A duration in seconds as "hh:mm:ss", rounded to the nearest second; a day or more wraps
 // round (86400 s gives "00:00:00"), as does a value that is not a finite number.
 std::string clockText(double seconds);

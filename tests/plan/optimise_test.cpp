@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <random>
+#include <tuple>
 
 #include "plan/genere_gcode.h"
 #include "plan/plan_steps.h"
@@ -58,19 +61,118 @@ TEST(OrdonneBande, TrackGroupsTakenFromTheNearerEnd)
     EXPECT_EQ(Ordonne_bande({{40, 2, 45}, {40, 2, 60}}, true, kValues), (Pieces{{40, 2, 45}, {40, 2, 60}}));
 }
 
+// Optimise_trajets step by step as its description goes: bands closed by a piece starting
+// more than the width after the band's first (0 for the first band), each sorted by track,
+// start and end and given to Ordonne_bande towards the end nearer the last track visited.
+Pieces bandByBand(const Pieces& ycroissant, int width, const PlanValues& values)
+{
+    Pieces finale;
+    Pieces band;
+    int lastTrack = 0;
+    long long bandStart = 0;
+    auto close = [&] {
+        std::sort(band.begin(), band.end(), [](const Piece& a, const Piece& b) {
+            return std::tie(a.track, a.startMs, a.endMs) < std::tie(b.track, b.startMs, b.endMs);
+        });
+        const bool downwards = std::abs(band.front().track - lastTrack) > std::abs(band.back().track - lastTrack);
+        const Pieces ordered = Ordonne_bande(band, downwards, values);
+        finale.insert(finale.end(), ordered.begin(), ordered.end());
+        lastTrack = finale.back().track;
+        band.clear();
+    };
+    for (const Piece& piece : ycroissant) {
+        if (!band.empty() && piece.startMs > bandStart + width) {
+            close();
+            bandStart = piece.startMs;
+        }
+        band.push_back(piece);
+    }
+    if (!band.empty())
+        close();
+    return finale;
+}
+
+TEST(OptimiseTrajets, SameAsBandByBand)
+{
+    std::mt19937 random(11);
+    for (const int tracks : {3, 29, 64, 80}) {
+        // Few distinct times: many pieces share a start, or a start and an end, or all three.
+        std::uniform_int_distribution<int> start(0, 400);
+        std::uniform_int_distribution<int> length(0, 30);
+        std::uniform_int_distribution<int> track(0, tracks - 1);
+        Pieces pieces;
+        for (int i = 0; i < 4000; ++i) {
+            const int from = start(random) * 10;
+            pieces.push_back({from, track(random), from + length(random) * 10});
+        }
+        std::sort(pieces.begin(), pieces.end(), planOrder);
+        for (const int width : {-5, 0, 10, 55, 300, 5000}) {
+            EXPECT_EQ(Optimise_trajets(pieces, width, kValues), bandByBand(pieces, width, kValues))
+                << tracks << " tracks, width " << width;
+        }
+        // Out of plan order (the bands then follow the given order).
+        std::shuffle(pieces.begin(), pieces.end(), random);
+        EXPECT_EQ(Optimise_trajets(pieces, 300, kValues), bandByBand(pieces, 300, kValues));
+    }
+}
+
+// The width search measures each width without writing a program: its distance must be the
+// one the program of that width adds up, to the last bit, for both machines, both kinds of
+// scale and with or without marks.
+TEST(TravelDistance, SameAsTheWrittenProgram)
+{
+    std::mt19937 random(7);
+    std::uniform_int_distribution<int> start(0, 60000);
+    std::uniform_int_distribution<int> length(1, 3000);
+    for (const bool laser : {true, false}) {
+        for (const bool wideBass : {false, true}) {
+            Settings settings;
+            settings.Type_machine = laser ? "Laser" : "Punch";
+            OrganScale scale;
+            scale.standard_AF_actif = wideBass;
+            const PlanValues values = planValues(settings, scale);
+            std::uniform_int_distribution<int> track(0, wideBass ? 19 : 28);
+            Pieces pieces;
+            for (int i = 0; i < 3000; ++i) {
+                const int from = start(random);
+                pieces.push_back({from, track(random), from + length(random)});
+            }
+            std::sort(pieces.begin(), pieces.end(), planOrder);
+            for (const MarkRange marks : {MarkRange{}, MarkRange{12000.7, 41000.2}, MarkRange{5000.0, 500000.0}}) {
+                const std::vector<int> widths{0, 17, 250, 5000};
+                const std::vector<double> measured = travelDistances(pieces, widths, values, marks);
+                ASSERT_EQ(measured.size(), widths.size());
+                for (std::size_t w = 0; w < widths.size(); ++w) {
+                    const int width = widths[w];
+                    const Pieces finale = Optimise_trajets(pieces, width, values);
+                    WriterInput input;
+                    input.finale = &finale;
+                    input.values = values;
+                    input.marks = marks;
+                    const double written = writeProgram(input, false).totals.distance_totale;
+                    EXPECT_GT(written, 0.0);
+                    EXPECT_EQ(measured[w], written)
+                        << laser << wideBass << marks.startMs << " " << width;
+                    EXPECT_EQ(writeProgram(input, true).totals.distance_totale, written);
+                }
+            }
+        }
+    }
+}
+
 // Tracks 0 and 20 alternate every 10 ms. A band of 30 ms or more holds all four pieces and
 // visits each track once; 1 mm (17 ms) makes two bands that cross the roll twice. So 2 mm
 // (33 ms) is the smallest of the best widths, better than the current 7.5.
 TEST(SearchBestWidth, SmallestWidthOfTheShortestTravel)
 {
-    test::TempDir documents;
+    testing::TempDir documents;
     AppState state;
-    state.dossier_documents = documents.path;
+    state.dossier_documents = documents.str();
     state.chemin_morceau = "/songs/alternate.mid";
     state.scale.nb_notes = 51;
     for (std::size_t i = 0; i < 51; ++i)
         state.scale.notes_standard[i] = static_cast<std::int16_t>(30 + i);
-    state.Liste_tran = test::songEvents({{0, 5, 30}, {10, 15, 50}, {20, 25, 30}, {30, 35, 50}});
+    state.Liste_tran = testing::songEvents({{0, 5, 30}, {10, 15, 50}, {20, 25, 30}, {30, 35, 50}});
     state.settings.Fourchette = "7.5";
     auto chosen = searchBestWidth(state);
     ASSERT_TRUE(chosen.ok());
@@ -78,7 +180,7 @@ TEST(SearchBestWidth, SmallestWidthOfTheShortestTravel)
     EXPECT_EQ(state.settings.Fourchette, "2");
     EXPECT_EQ(state.user_msg_list.text(), "Seeking for best optimizing width \r\n");
     EXPECT_TRUE(state.List_GC_Finale.empty());
-    EXPECT_FALSE(std::filesystem::exists(documents.path + "/Veltrin"));
+    EXPECT_FALSE(std::filesystem::exists(documents.str() + "/Veltrin"));
 
     // x0 = 4.8, x20 = 88.8. 2 mm: (x0, 0) (x0, 1.2) (x20, 0.6) (x20, 1.8).
     ASSERT_TRUE(Genere_GCode(state, false, false).ok());
@@ -89,7 +191,7 @@ TEST(SearchBestWidth, SmallestWidthOfTheShortestTravel)
     EXPECT_NEAR(state.distance_totale, 4.8 + std::hypot(84, 0.6) + 1.2 + std::hypot(84, 0.6), 1e-9);
 
     // One note: every width gives the same travel, and the smallest wins.
-    state.Liste_tran = test::songEvents({{1000, 1100, 30}});
+    state.Liste_tran = testing::songEvents({{1000, 1100, 30}});
     EXPECT_EQ(searchBestWidth(state).value(), 1.0);
     state.settings.Vitcarton = "0";
     EXPECT_EQ(searchBestWidth(state).error(), PlanError::ZeroRollSpeed);
