@@ -1,34 +1,23 @@
 #include "app/numeric_text.h"
 
 #include <clocale>
+#include <string>
+#include <tuple>
+#include <utility>
+
 #include <gtest/gtest.h>
 
 namespace veltrin {
 namespace {
 
-TEST(LeadingNumber, ReadsTheNumberAtTheStartAndStopsAtTheFirstForeignCharacter)
+TEST(LeadingNumber, ReadsTheNumberAtTheStartElseZero)
 {
-    EXPECT_DOUBLE_EQ(leadingNumber("60 // roll speed mm/s"), 60.0);
-    EXPECT_DOUBLE_EQ(leadingNumber("   127.3// width"), 127.3);
-    EXPECT_DOUBLE_EQ(leadingNumber("\t-4.25mm"), -4.25);
-    EXPECT_DOUBLE_EQ(leadingNumber("+7"), 7.0);
-    EXPECT_DOUBLE_EQ(leadingNumber(".5"), 0.5);
-    EXPECT_DOUBLE_EQ(leadingNumber("5."), 5.0);
-    EXPECT_DOUBLE_EQ(leadingNumber("1e3"), 1000.0);
-    EXPECT_DOUBLE_EQ(leadingNumber("2e"), 2.0) << "an 'e' without digits ends the number";
-    EXPECT_DOUBLE_EQ(leadingNumber("3,5"), 3.0) << "the comma is never a decimal separator";
-    EXPECT_DOUBLE_EQ(leadingNumber("1.2.3"), 1.2);
-}
-
-TEST(LeadingNumber, TextWithoutANumberReadsZero)
-{
-    EXPECT_EQ(leadingNumber(""), 0.0);
-    EXPECT_EQ(leadingNumber("   "), 0.0);
-    EXPECT_EQ(leadingNumber("// a comment"), 0.0);
-    EXPECT_EQ(leadingNumber("Laser"), 0.0);
-    EXPECT_EQ(leadingNumber("-"), 0.0);
-    EXPECT_EQ(leadingNumber("."), 0.0);
-    EXPECT_EQ(leadingNumber("x12"), 0.0);
+    const std::pair<const char*, double> cases[] = {
+        {"60 // roll speed mm/s", 60}, {"   127.3// width", 127.3}, {"\t-4.25mm", -4.25},
+        {"+7", 7}, {".5", 0.5}, {"5.", 5}, {"1e3", 1000}, {"2e", 2}, {"3,5", 3}, {"1.2.3", 1.2},
+        {"", 0}, {"   ", 0}, {"// a comment", 0}, {"-", 0}, {".", 0}, {"x12", 0}};
+    for (const auto& [text, value] : cases)
+        EXPECT_DOUBLE_EQ(leadingNumber(text), value) << '"' << text << '"';
 }
 
 TEST(LeadingNumber, IgnoresACommaDecimalLocale)
@@ -42,62 +31,33 @@ TEST(LeadingNumber, IgnoresACommaDecimalLocale)
     std::setlocale(LC_NUMERIC, saved.c_str());
 }
 
-TEST(FixedWidth, PadsWithZerosAndDropsLeadingDigitsOfTooWideValues)
+// Zero padded; a too wide value loses its leading digits, and a negative one follows the
+// same arithmetic (10^w + value without its first character).
+TEST(FixedWidth, PadsWithZerosAndDropsLeadingDigits)
 {
-    EXPECT_EQ(fixedWidth(0, 7), "0000000");
-    EXPECT_EQ(fixedWidth(1500, 7), "0001500");
-    EXPECT_EQ(fixedWidth(9999999, 7), "9999999");
-    EXPECT_EQ(fixedWidth(10000000, 7), "0000000") << "10^7 wraps to zero in a 7-digit field";
-    EXPECT_EQ(fixedWidth(123456, 5), "23456");
-    EXPECT_EQ(fixedWidth(60, 3), "060");
-    EXPECT_EQ(fixedWidth(1234, 3), "234");
-}
-
-TEST(FixedWidth, NegativeValuesFollowTheSameArithmetic)
-{
-    // 10^5 - 5 = 99995 -> "9995": one character short, as the arithmetic gives.
-    EXPECT_EQ(fixedWidth(-5, 5), "9995");
-    EXPECT_EQ(fixedWidth(-1, 3), "99");
-    // Below -10^w the sum is negative and its sign is the character dropped.
-    EXPECT_EQ(fixedWidth(-1500, 3), "500");
-}
-
-TEST(FixedWidth, TextOrderIsNumericOrderInsideTheField)
-{
-    std::vector<long long> values{5, 1200, 40, 999, 0, 70000};
-    std::vector<std::string> texts;
-    for (long long v : values)
-        texts.push_back(fixedWidth(v, 7));
-    std::sort(values.begin(), values.end());
-    std::sort(texts.begin(), texts.end());
-    for (std::size_t i = 0; i < values.size(); ++i)
-        EXPECT_EQ(texts[i], fixedWidth(values[i], 7));
+    const std::tuple<long long, int, const char*> cases[] = {
+        {0, 7, "0000000"}, {1500, 7, "0001500"}, {9999999, 7, "9999999"}, {10000000, 7, "0000000"},
+        {123456, 5, "23456"}, {60, 3, "060"}, {-5, 5, "9995"}, {-1, 3, "99"}, {-1500, 3, "500"}};
+    for (const auto& [value, width, text] : cases)
+        EXPECT_EQ(fixedWidth(value, width), text) << value << " in " << width;
 }
 
 TEST(RoundHalfEven, RoundsTiesToTheEvenNeighbour)
 {
-    EXPECT_EQ(roundHalfEven(0.5), 0);
-    EXPECT_EQ(roundHalfEven(1.5), 2);
-    EXPECT_EQ(roundHalfEven(2.5), 2);
-    EXPECT_EQ(roundHalfEven(2.5000001), 3);
-    EXPECT_EQ(roundHalfEven(-0.5), 0);
-    EXPECT_EQ(roundHalfEven(-1.5), -2);
-    EXPECT_EQ(roundHalfEven(-2.4), -2);
-    EXPECT_EQ(roundHalfEven(1234.49), 1234);
+    const std::pair<double, long long> cases[] = {{0.5, 0},   {1.5, 2},   {2.5, 2},   {2.5000001, 3},
+                                                  {-0.5, 0},  {-1.5, -2}, {-2.4, -2}, {1234.49, 1234}};
+    for (const auto& [value, rounded] : cases)
+        EXPECT_EQ(roundHalfEven(value), rounded) << value;
 }
 
 TEST(PlainNumber, WritesAtMostFifteenSignificantDigitsWithAPoint)
 {
-    EXPECT_EQ(plainNumber(0.0), "0");
-    EXPECT_EQ(plainNumber(-0.0), "0");
-    EXPECT_EQ(plainNumber(3.0), "3");
-    EXPECT_EQ(plainNumber(12.5), "12.5");
-    EXPECT_EQ(plainNumber(0.1), "0.1");
-    EXPECT_EQ(plainNumber(-0.25), "-0.25");
-    EXPECT_EQ(plainNumber(1e6), "1000000");
-    EXPECT_EQ(plainNumber(0.1 + 0.2), "0.3") << "15 significant digits at most";
-    EXPECT_EQ(plainNumber(6.3 - 1.5), "4.8");
-    EXPECT_EQ(plainNumber(1.0 / 3.0), "0.333333333333333");
+    const std::pair<double, const char*> cases[] = {
+        {0.0, "0"},        {-0.0, "0"},     {3.0, "3"},          {12.5, "12.5"},
+        {0.1, "0.1"},      {-0.25, "-0.25"}, {1e6, "1000000"},   {0.1 + 0.2, "0.3"},
+        {6.3 - 1.5, "4.8"}, {1.0 / 3.0, "0.333333333333333"}, {0.00125, "0.00125"}};
+    for (const auto& [value, text] : cases)
+        EXPECT_EQ(plainNumber(value), text);
 }
 
 }  // namespace

@@ -1,22 +1,21 @@
 #include "app/startup.h"
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "settings_test_support.h"
+#include "support/temp_dir.h"
 
 namespace veltrin {
 namespace {
 
 class Startup : public ::testing::Test {
 protected:
-    StartupFolders folders() const { return {"/opt/veltrin/bin", documents.path() + "/"}; }
+    StartupFolders folders() const { return {"/opt/veltrin/bin", documents.str() + "/"}; }
 
-    veltrin::testing::TempFolder documents{"veltrin-startup-"};
+    testing::TempDir documents;
     MemorySettingsStore store;
     AppState state;
 };
@@ -30,7 +29,7 @@ TEST_F(Startup, HooksRunInOrderAndQuitSavesBeforeClosing)
     store.write("Port", "/dev/ttyACM0");
     Form_Load(state, store, folders(), hooks);
     EXPECT_EQ(state.dossier_appli, "/opt/veltrin/bin/");
-    EXPECT_EQ(state.dossier_documents, documents.path()) << "no trailing separator";
+    EXPECT_EQ(state.dossier_documents, documents.str()) << "no trailing separator";
 
     quitter_Click(state, store,
                   {[&] { calls.push_back("midi " + store.read("duree_metre_laser", "-")); },
@@ -43,19 +42,19 @@ TEST_F(Startup, HooksRunInOrderAndQuitSavesBeforeClosing)
 TEST_F(Startup, CreatesTheDataFoldersWhenMissingWithALogLine)
 {
     Form_Load(state, store, folders());
-    const std::string instruments = documents.path() + "/Veltrin/Instruments";
-    const std::string temp = documents.path() + "/Veltrin/Temp/";
+    const std::string instruments = documents.str() + "/Veltrin/Instruments";
+    const std::string temp = documents.str() + "/Veltrin/Temp/";
     EXPECT_TRUE(std::filesystem::is_directory(instruments) && std::filesystem::is_directory(temp));
-    EXPECT_EQ(state.user_msg_list.text(), "Folder created: " + instruments + "\r\nFolder created: " +
-                                              temp + "\r\nStandard 27-29 notes Kolby\r\n");
+    EXPECT_EQ(state.user_msg_list.text(),
+              "Folder created: " + instruments + "\r\nFolder created: " + temp + "\r\nStandard 27-29 notes Kolby\r\n");
     AppState again;
     Form_Load(again, store, folders());
     EXPECT_EQ(again.user_msg_list.text(), "Standard 27-29 notes Kolby\r\n");
 
     AppState blocked;
-    std::ofstream(documents.path() + "/file") << "x";
-    Form_Load(blocked, store, {"", documents.path() + "/file"});
-    EXPECT_NE(blocked.user_msg_list.text().find("Folder not created: " + documents.path() +
+    testing::writeText(documents.path() / "file", "x");
+    Form_Load(blocked, store, {"", documents.str() + "/file"});
+    EXPECT_NE(blocked.user_msg_list.text().find("Folder not created: " + documents.str() +
                                                 "/file/Veltrin/Instruments\r\n"),
               std::string::npos);
 }
@@ -75,26 +74,19 @@ TEST_F(Startup, LaserPowerHasACeilingAndTheHeaderFlagMustFitACheckBox)
 
 TEST_F(Startup, RunOverridesApplyWithoutBeingSaved)
 {
-    documents.writeScale("Street", veltrin::testing::kStreetOrgan);
+    documents.writeScale("Street", testing::kStreetOrgan);
     store.write("Lgponts", "2");
-    ASSERT_TRUE(startForRun(state, &store, {"Standard=Street", "Talon=9", "Port=/dev/pts/4"},
-                            folders())
-                    .ok());
-    EXPECT_EQ(state.settings.Lgponts, "2") << "the stored value under the overrides";
-    EXPECT_EQ(state.settings.Talon, "9") << "an override beats the scale file";
-    EXPECT_EQ(state.settings.Vitcarton, "55.5");
-    EXPECT_EQ(state.settings.AdressePort, "/dev/pts/4");
+    ASSERT_TRUE(startForRun(state, &store, {"Standard=Street", "Talon=9", "Port=/dev/pts/4"}, folders()).ok());
+    // The stored value under the overrides; an override beats the scale file.
+    const Settings& s = state.settings;
+    EXPECT_EQ(s.Lgponts + "|" + s.Talon + "|" + s.Vitcarton + "|" + s.AdressePort, "2|9|55.5|/dev/pts/4");
     EXPECT_EQ(store.values().size(), 1u) << "the base store is never written";
 
     AppState defaults;
-    ASSERT_TRUE(startForRun(defaults, nullptr, {"VitcartonAF=70", "Standard=Alder Fenn 20"},
-                            folders())
-                    .ok());
-    EXPECT_EQ(defaults.settings.Lgponts, "1.5");
-    EXPECT_EQ(defaults.settings.Vitcarton, "70");
+    ASSERT_TRUE(startForRun(defaults, nullptr, {"VitcartonAF=70", "Standard=Alder Fenn 20"}, folders()).ok());
+    EXPECT_EQ(defaults.settings.Lgponts + "|" + defaults.settings.Vitcarton, "1.5|70");
 
-    auto unknown = startForRun(state, &store, {"Colour=red"}, folders());
-    ASSERT_FALSE(unknown.ok());
+    const auto unknown = startForRun(state, &store, {"Colour=red"}, folders());
     EXPECT_EQ(unknown.error(), SettingsError::UnknownKey);
     EXPECT_EQ(unknown.detail(), "Colour");
     EXPECT_EQ(parseSettingAssignments({"Lgponts"}).error(), SettingsError::BadAssignment);

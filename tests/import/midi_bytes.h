@@ -6,10 +6,14 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "app/numeric_text.h"
+#include "midi/midi_builder.h"
+#include "support/temp_dir.h"
 
 namespace veltrin::testing {
 
@@ -22,38 +26,22 @@ struct TestNote {
 // A format 0 file: the notes on channel 1, each end written as a note-on of velocity 0.
 inline std::vector<std::uint8_t> midiFile(const std::vector<TestNote>& notes)
 {
-    struct Event {
-        int tick;
-        int isStart;  // ends before starts at the same tick
-        int note;
-    };
-    std::vector<Event> events;
+    std::vector<std::tuple<int, bool, int>> events;  // tick, start, note: ends first at a tick
     for (const TestNote& n : notes) {
-        events.push_back({n.startMs, 1, n.note});
-        events.push_back({n.endMs, 0, n.note});
+        events.emplace_back(n.startMs, true, n.note);
+        events.emplace_back(n.endMs, false, n.note);
     }
-    std::stable_sort(events.begin(), events.end(), [](const Event& a, const Event& b) {
-        return a.tick != b.tick ? a.tick < b.tick : a.isStart < b.isStart;
+    std::stable_sort(events.begin(), events.end(), [](const auto& a, const auto& b) {
+        return std::get<0>(a) != std::get<0>(b) ? std::get<0>(a) < std::get<0>(b) : std::get<1>(a) < std::get<1>(b);
     });
-    std::vector<std::uint8_t> body;
+    test::Bytes body;
     int tick = 0;
-    for (const Event& e : events) {
-        const auto delta = static_cast<std::uint32_t>(e.tick - tick);  // below 16384
-        if (delta >= 128)
-            body.push_back(static_cast<std::uint8_t>(0x80 | (delta >> 7)));
-        body.push_back(static_cast<std::uint8_t>(delta & 0x7F));
-        tick = e.tick;
-        body.insert(body.end(), {0x90, static_cast<std::uint8_t>(e.note),
-                                 static_cast<std::uint8_t>(e.isStart ? 100 : 0)});
+    for (const auto& [at, start, note] : events) {
+        body = test::cat({body, test::msg(static_cast<std::uint32_t>(at - tick), 0x90, static_cast<std::uint8_t>(note),
+                                          start ? 100 : 0)});
+        tick = at;
     }
-    body.insert(body.end(), {0x00, 0xFF, 0x2F, 0x00});
-    const auto size = static_cast<std::uint32_t>(body.size());
-    const std::uint8_t header[] = {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0x01, 0xF4,
-                                   'M', 'T', 'r', 'k', 0, 0,
-                                   static_cast<std::uint8_t>(size >> 8),
-                                   static_cast<std::uint8_t>(size)};
-    body.insert(body.begin(), std::begin(header), std::end(header));
-    return body;
+    return test::song(0, 500, {test::cat({body, test::kEndOfTrack})});
 }
 
 inline void writeFile(const std::filesystem::path& path, const std::vector<std::uint8_t>& bytes)
@@ -62,29 +50,13 @@ inline void writeFile(const std::filesystem::path& path, const std::vector<std::
         .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
-inline void writeText(const std::filesystem::path& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-inline std::string readText(const std::filesystem::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // The lines of a text, without their CR LF.
 inline std::vector<std::string> textLines(const std::string& text)
 {
     std::vector<std::string> lines;
-    for (std::size_t start = 0; start < text.size();) {
-        std::size_t end = std::min(text.find('\n', start), text.size());
-        std::string line = text.substr(start, end - start);
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        lines.push_back(line);
-        start = end + 1;
-    }
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(!line.empty() && line.back() == '\r' ? line.substr(0, line.size() - 1) : line);
     return lines;
 }
 

@@ -38,14 +38,6 @@ TEST(OptimiseTrajets, BandsAndTheirDirection)
               (Pieces{{0, 5, 10}, {210, 3, 220}, {200, 7, 210}}));
 }
 
-TEST(OptimiseTrajets, WideScaleInOneBand)
-{
-    // Tracks above 30 group like the others; a single band (never closed in the loop) is
-    // flushed whole.
-    EXPECT_EQ(Optimise_trajets({{0, 50, 10}, {1, 31, 11}, {2, 0, 12}, {3, 31, 13}, {4, 45, 14}}, 500, kValues),
-              (Pieces{{2, 0, 12}, {1, 31, 11}, {3, 31, 13}, {4, 45, 14}, {0, 50, 10}}));
-}
-
 TEST(OrdonneBande, TrackGroupsTakenFromTheNearerEnd)
 {
     const Pieces band{{0, 0, 5}, {100, 0, 105}, {10, 3, 15}, {95, 3, 98}};

@@ -1,22 +1,19 @@
 #pragma once
-// Helpers of the plan tests: event lines written by hand and a temporary Documents folder.
+// Event lines written by hand for the plan tests.
 
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <ostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "app/app_state.h"
+#include "support/temp_dir.h"
 
 namespace veltrin {
 
 inline void PrintTo(const Piece& piece, std::ostream* out) { *out << finalLine(piece); }
 
-namespace test {
+namespace testing {
 
 struct SongNote {
     long startMs;
@@ -49,24 +46,5 @@ inline std::string crlf(const std::vector<std::string>& lines)
     return text;
 }
 
-inline std::string readFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-// A folder under /tmp, removed at the end of the test.
-struct TempDir {
-    TempDir()
-    {
-        char pattern[] = "/tmp/veltrin_plan_XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() { std::filesystem::remove_all(path); }
-    std::string path;
-};
-
-}  // namespace test
+}  // namespace testing
 }  // namespace veltrin

@@ -1,5 +1,4 @@
-// Whole generations: the program file, its report and the state they leave. The expected
-// texts are worked out by hand in the comments.
+// Whole generations: the program file, its report and the state they leave, worked out by hand.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +8,7 @@
 namespace veltrin {
 namespace {
 
-using test::crlf;
+using testing::crlf;
 using Lines = std::vector<std::string>;
 
 const std::string kLaserHead = crlf({";Laser gcode of the file : song", "$HX ;X origin search",
@@ -28,21 +27,19 @@ protected:
     {
         auto written = Genere_GCode(state, garder_notes, sans_optimisation);
         EXPECT_TRUE(written.ok()) << written.detail();
-        return written.ok() ? test::readFile(written.value()) : std::string();
+        return written.ok() ? testing::readText(written.value()) : std::string();
     }
-    std::string temp(const std::string& name) const { return documents.path + "/Veltrin/Temp/" + name; }
+    std::string temp(const std::string& name) const { return documents.str() + "/Veltrin/Temp/" + name; }
 
-    AppState smallScale()
+    Program()
     {
-        AppState fresh;  // default laser settings; notes 60, 62, 64 on tracks 0, 1, 2
-        fresh.dossier_documents = documents.path;
-        fresh.chemin_morceau = "/songs/song.mid";
-        fresh.scale.nb_notes = 3;
-        fresh.scale.notes_standard = {60, 62, 64};
-        return fresh;
+        state.dossier_documents = documents.str();  // default laser settings
+        state.chemin_morceau = "/songs/song.mid";
+        state.scale.nb_notes = 3;  // notes 60, 62, 64 on tracks 0, 1, 2
+        state.scale.notes_standard = {60, 62, 64};
     }
-    test::TempDir documents;
-    AppState state = smallScale();
+    testing::TempDir documents;
+    AppState state;
 };
 
 // Laser: talon_x = 6.3 - 3/2 = 4.8, tracks every 4.2 mm, 0.06 mm per ms, pieces of 250 ms,
@@ -52,7 +49,7 @@ protected:
 //   Y 79.5..99. 1050 > 0 + 117 and 1325 > 1050 + 117: three bands, in time order.
 TEST_F(Program, LaserWithBridges)
 {
-    state.Liste_tran = test::songEvents({{1000, 1200, 60}, {1050, 1650, 64}});
+    state.Liste_tran = testing::songEvents({{1000, 1200, 60}, {1050, 1650, 64}});
     EXPECT_EQ(generate(), kLaserHead + cut("4.8", "60", "7.8", "72") + cut("13.2", "63", "16.2", "78") +
                               cut("13.2", "79.5", "16.2", "99") + crlf({"G0 M5 S0"}));
     // Cuts 2 x 12 + 6, 2 x 15 + 6, 2 x 19.5 + 6 = 111 mm. Travel hypot(4.8, 60) +
@@ -83,7 +80,7 @@ TEST_F(Program, PunchStrikesAlternateZ)
 {
     state.settings.Type_machine = "Punch";
     state.reportDecimalSeparator = ',';
-    state.Liste_tran = test::songEvents({{1000, 1030, 60}, {2000, 2180, 62}});
+    state.Liste_tran = testing::songEvents({{1000, 1030, 60}, {2000, 2180, 62}});
     EXPECT_EQ(generate(), crlf({";Punch gcode of the file : song", "$HX ;X origin search",
                                 "G92 X10.5 Y0 Z-1 ;Homing position at 10.5 mm from X origin", "M3 S1000 F8000",
                                 "G0 X6.3 Y61.5", "G1 Z1", "G0 X10.5 Y121.5", "G1 Z-1", "G0 X10.5 Y126", "G1 Z1",
@@ -108,7 +105,7 @@ TEST_F(Program, TwentyNoteScaleBassHoleWithoutHeader)
     Settings& s = state.settings;
     s.Talon = "10", s.Ldecoupe = "4", s.Dist_notes = "6", s.BassesAF = "5";
     s.Gen_entete = "0", s.Laser_mode = "M4", s.Laser_power = "800", s.duree_metre_laser = "0.1";
-    state.Liste_tran = test::songEvents({{1000, 1100, 60}, {1000, 1200, 64}});
+    state.Liste_tran = testing::songEvents({{1000, 1100, 60}, {1000, 1200, 64}});
     EXPECT_EQ(generate(), crlf({";Laser gcode of the file : song",
                                 "M4 S800 ; M4 = Adaptative power according to speed up to 800max"}) +
                               cut("25.5", "60", "30.5", "66") + cut("47", "60", "51", "72") + crlf({"G0 M5 S0"}));
@@ -124,7 +121,7 @@ class Marks : public Program {
 protected:
     Marks()
     {
-        state.Liste_tran = test::songEvents({{1000, 1200, 60}, {2000, 2100, 62}, {3000, 3100, 64}});
+        state.Liste_tran = testing::songEvents({{1000, 1200, 60}, {2000, 2100, 62}, {3000, 3100, 64}});
         generate();
         state.user_msg_list.clear();
     }
@@ -177,43 +174,42 @@ TEST_F(Marks, OneMarkOnly)
 TEST_F(Program, SongLongerThanTheUnsetEndMark)
 {
     // 500000 ms is only the unset mark: a note at 600000 ms (Y 36000) is written.
-    state.Liste_tran = test::songEvents({{600000, 600100, 62}});
+    state.Liste_tran = testing::songEvents({{600000, 600100, 62}});
     EXPECT_NE(generate().find("G0 X9 Y36000\r\n"), std::string::npos);
     EXPECT_NE(state.user_msg_list.text().find("Roll length : 36.006 m\r\n"), std::string::npos);
 }
 
 TEST_F(Program, ChangeHandlersAndSilentRuns)
 {
-    state.Liste_tran = test::songEvents({{1000, 1200, 60}});
+    state.Liste_tran = testing::songEvents({{1000, 1200, 60}});
     EXPECT_FALSE(planSettingsChanged(state).has_value()) << "start-up not finished";
     state.demarrage_fini = true;
     ASSERT_TRUE(planSettingsChanged(state).value().ok());
     // A new band width re-orders the pieces of the last split; the changed song is not read.
-    state.Liste_tran = test::songEvents({{5000, 5200, 62}});
+    state.Liste_tran = testing::songEvents({{5000, 5200, 62}});
     state.settings.Fourchette = "3";
     ASSERT_TRUE(fourchetteChanged(state).value().ok());
     EXPECT_NE(state.user_msg_list.text().find("Travel optimizing 3(Width : 50)\r\n"), std::string::npos);
     EXPECT_EQ(state.List_GC_Finale, (std::vector<Piece>{{1000, 0, 1200}}));
     // The width search's silent generation: totals only, no file, no log.
-    std::filesystem::remove_all(documents.path + "/Veltrin");
+    std::filesystem::remove_all(documents.str() + "/Veltrin");
     state.recherche_largeur = true;
     EXPECT_EQ(Genere_GCode(state, false, false).value(), "");
     EXPECT_DOUBLE_EQ(state.y_max, 5200 * 0.06);
-    EXPECT_FALSE(std::filesystem::exists(documents.path + "/Veltrin"));
+    EXPECT_FALSE(std::filesystem::exists(documents.str() + "/Veltrin"));
 }
 
 TEST_F(Program, FilesTitlesAndFailures)
 {
-    // The title drops Grbl's real-time characters and non-ASCII bytes; an older file is
-    // replaced whole, with no temporary left behind.
+    // The title drops Grbl's real-time characters and non-ASCII bytes; an older file is replaced.
     state.chemin_morceau = "C:\\songs\\Wh?at!~\xc3\xa9 tune.mid";
-    state.Liste_tran = test::songEvents({{1000, 1200, 60}});
+    state.Liste_tran = testing::songEvents({{1000, 1200, 60}});
     const std::string path = temp("Wh?at!~\xc3\xa9 tune.gcode");
     std::filesystem::create_directories(temp(""));
-    std::ofstream(path) << "an older and much longer program\n";
+    testing::writeText(path, "an older and much longer program\n");
     const std::string program = generate();
     EXPECT_EQ(program.substr(0, program.find('\r')), ";Laser gcode of the file : What tune");
-    EXPECT_EQ(test::readFile(path), program);
+    EXPECT_EQ(testing::readText(path), program);
     EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
     // The documents "folder" is a file: nothing written, nothing reported.
     state.dossier_documents = path;

@@ -18,14 +18,14 @@ TEST(PairNotes, EachNoofClosesTheNoteOpenedLast)
 {
     Lines play;
     // The first line is paired like any other; other keywords are ignored.
-    auto events = test::songEvents({{1500, 1750, 64}, {200, 900, 60}});
+    auto events = testing::songEvents({{1500, 1750, 64}, {200, 900, 60}});
     events.erase(events.begin());
     EXPECT_EQ(pairNotes(events, play), (Lines{"0000200 060 0000900", "0001500 064 0001750"}));
     EXPECT_EQ(play, (Lines{"0000200 060 NOTE", "0000900 060 NOOF", "0001500 064 NOTE", "0001750 064 NOOF"}));
 
     // NOTE, NOTE, NOOF loses the first note; a NOOF with nothing open gives " " & its time.
     // The NOOF playback lines carry the note opened last.
-    const Lines odd = test::songEvents({{100, 300, 60}, {200, 400, 62}, {500, 600, 64}});
+    const Lines odd = testing::songEvents({{100, 300, 60}, {200, 400, 62}, {500, 600, 64}});
     EXPECT_EQ(pairNotes({odd[1], odd[3], odd[4], odd[6]}, play), (Lines{" 0000600", "0000200 062 0000400"}));
     EXPECT_EQ(play, (Lines{"0000100 060 NOTE", "0000200 062 NOTE", "0000400 062 NOOF", "0000600 062 NOOF"}));
 }
@@ -94,22 +94,21 @@ TEST_F(Split, NotesOutOfTheScale)
     EXPECT_EQ(result.notes_hors_gamme, 1);
 }
 
+// The punch shifts no bass track: 10 + 9 x piste below track 4, then 10 + 27 + 6 x (piste - 3).
 TEST(PositionPiste, PunchOnTheTwentyNoteScale)
 {
     Settings settings;
-    settings.Type_machine = std::string("Punch");
+    settings.Type_machine = std::string("Punch");  // a plain literal trips GCC 12's -Wrestrict
     settings.Talon = std::string("10");
     settings.Dist_notes = std::string("6");
     OrganScale scale;
     scale.standard_AF_actif = true;
-    // No decalage for the punch: bass tracks at 10 + 9 x piste, treble at 10 + 27 + 6 x (piste - 3).
     EXPECT_DOUBLE_EQ(Position_piste(planValues(settings, scale), 2), 28.0);
     EXPECT_DOUBLE_EQ(Position_piste(planValues(settings, scale), 4), 43.0);
 }
 
-// Pieces are kept as records sorted by planOrder; the plan's lines are sorted as text.
-// Every reachable value fits its field (event times have seven digits and a piece lies
-// inside its note; tracks are below 51), and there the two orders are the same.
+// Pieces are sorted as records by planOrder, the plan's lines as text: for every reachable
+// value (seven-digit times, tracks below 51) the two orders must agree.
 TEST(PieceOrder, RecordOrderIsTheTextOrderOfPieceLines)
 {
     std::mt19937 random(12345);
@@ -120,12 +119,11 @@ TEST(PieceOrder, RecordOrderIsTheTextOrderOfPieceLines)
         const int start = i % 2 ? time(random) : small(random) * 10;  // many equal starts
         pieces.push_back({start, i % 3 ? small(random) + 20 : 7, start + small(random)});
     }
-    Lines lines;
+    Lines lines, fromRecords;
     for (const Piece& p : pieces)
         lines.push_back(pieceLine(p));
     std::sort(lines.begin(), lines.end());
     std::sort(pieces.begin(), pieces.end(), planOrder);
-    Lines fromRecords;
     for (const Piece& p : pieces)
         fromRecords.push_back(pieceLine(p));
     EXPECT_EQ(fromRecords, lines);

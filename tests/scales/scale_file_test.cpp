@@ -1,15 +1,16 @@
 #include "scales/scale_file.h"
 
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "app/settings_test_support.h"
+#include "support/temp_dir.h"
 
 namespace veltrin {
 namespace {
 
-using veltrin::testing::TempFolder;
+using testing::TempDir;
 
 // The state one load acts on, and the verdict.
 struct Loaded {
@@ -39,11 +40,9 @@ std::string scaleText(const std::string& countLine, int noteLines)
 
 TEST(RangCommentaire, CountsTheCharactersBeforeTheFirstDoubleSlash)
 {
-    EXPECT_EQ(rang_commentaire(""), 0);
-    EXPECT_EQ(rang_commentaire("127.3"), 5);
-    EXPECT_EQ(rang_commentaire("60 // roll speed"), 3);
-    EXPECT_EQ(rang_commentaire("// header"), 0);
-    EXPECT_EQ(rang_commentaire("a/b//c//d"), 3) << "a single slash is not a comment";
+    for (const auto& [line, rank] : {std::pair{"", 0}, {"127.3", 5}, {"60 // roll speed", 3}, {"// header", 0},
+                                     {"a/b//c//d", 3}})
+        EXPECT_EQ(rang_commentaire(line), rank) << line;
 }
 
 TEST(ParseScaleText, ReadsEveryValueOfAValidFileWhateverTheLineEnds)
@@ -57,31 +56,29 @@ TEST(ParseScaleText, ReadsEveryValueOfAValidFileWhateverTheLineEnds)
         before.standard_AF_actif = true;
         const Loaded r = parse(text.substr(0, text.size() - eol.size()), before);
         ASSERT_TRUE(r.load.ok()) << "line end of " << eol.size();
-        EXPECT_EQ(r.settings.Vitcarton, "62.5");
+        // A comma ends the number; a file never sets the hole size (Ldecoupe).
+        EXPECT_EQ(r.settings.Vitcarton + "|" + r.settings.Talon + "|" + r.settings.Dist_notes + "|" +
+                      r.settings.Ldecoupe,
+                  "62.5|6|4.2|3");
         EXPECT_DOUBLE_EQ(r.scale.largeur_carton, 127.3);
-        EXPECT_EQ(r.settings.Talon, "6") << "a comma ends the number";
-        EXPECT_EQ(r.settings.Dist_notes, "4.2");
         EXPECT_EQ(r.scale.longueur_pli, 160.0);
         EXPECT_EQ(r.scale.nb_notes, 3);
-        EXPECT_EQ(r.scale.notes_standard[0], 61) << "notes are rounded";
-        EXPECT_EQ(r.scale.notes_standard[1], 60);
-        EXPECT_EQ(r.scale.notes_standard[2], 62) << "halves go to the even neighbour";
+        // Notes are rounded, halves to the even neighbour.
+        EXPECT_EQ(std::vector<int>(r.scale.notes_standard.begin(), r.scale.notes_standard.begin() + 4),
+                  (std::vector<int>{61, 60, 62, 0}));
         EXPECT_FALSE(r.scale.standard_AF_actif);
         EXPECT_DOUBLE_EQ(r.scale.facteur_dessin, 382.0 / 127.3);
-        EXPECT_EQ(r.settings.Ldecoupe, "3") << "a file never sets the hole size";
         EXPECT_EQ(r.log.text(), "Standard : test\r\n");
     }
 }
 
-TEST(ParseScaleText, ReadsTheTrackCountFromItsSecondCharacter)
+TEST(ParseScaleText, ReadsTheTrackCountFromItsSecondCharacterAndHeadersOnlyAtTheTop)
 {
     for (const auto& [line, tracks] : {std::pair{"29", 9}, {" 29", 29}, {"x5 // five", 5},
                                        {"7", 0}, {"", 0}, {"//29", 0}})
         EXPECT_EQ(parse(scaleText(line, 29)).scale.nb_notes, tracks) << '"' << line << '"';
-}
 
-TEST(ParseScaleText, SkipsHeaderLinesOnlyAtTheTop)
-{
+    // Header lines only at the top.
     const Loaded r = parse("// a\n//b\n58\n// not a header\n7\n5\n0\n 0\n");
     EXPECT_EQ(r.settings.Vitcarton, "58");
     EXPECT_EQ(r.scale.largeur_carton, 0.0) << "a \"//\" line after the first value reads 0";
@@ -90,13 +87,23 @@ TEST(ParseScaleText, SkipsHeaderLinesOnlyAtTheTop)
 
 TEST(ParseScaleText, StopsAtTheFirstErrorKeepingWhatItRead)
 {
+    const std::pair<std::string, ScaleError> errors[] = {
+        {"//h\n70\n150\n8.5\n", ScaleError::EndOfFile},
+        {"// only\r\n// headers\r\n", ScaleError::EndOfFile},
+        {scaleText(" 4", 3), ScaleError::EndOfFile},
+        {scaleText(" 52", 52), ScaleError::TooManyTracks},
+        {"60\nwide\n7\n5\n0\n 0\n", ScaleError::BadWidth},
+        {"60\n6E-310\n7\n5\n0\n 0\n", ScaleError::BadWidth},  // 382 / width is no drawing factor
+        {"60\n100\n7\n5\n0\n 2\n64\n40000\n", ScaleError::Overflow},
+        {"60\n100\n7\n5\n0\n 1e9\n", ScaleError::Overflow}};
+    for (const auto& [text, error] : errors)
+        EXPECT_EQ(parse(text).load.error, error) << text;
     EXPECT_TRUE(parse(scaleText(" 51", 51)).load.ok());
 
     OrganScale before;
     before.standard_AF_actif = true;
     before.facteur_dessin = 1.25;
     const Loaded tooLong = parse(scaleText(" 52", 52), before);
-    EXPECT_EQ(tooLong.load.error, ScaleError::TooManyTracks);
     EXPECT_EQ(tooLong.load.linesRead, 6 + 52) << "stops on the 52nd note line";
     EXPECT_EQ(tooLong.settings.Vitcarton, "55") << "earlier steps keep their values";
     EXPECT_EQ(tooLong.scale.nb_notes, 52);
@@ -106,38 +113,27 @@ TEST(ParseScaleText, StopsAtTheFirstErrorKeepingWhatItRead)
     EXPECT_EQ(tooLong.log.text(), "");
 
     const Loaded early = parse("//h\n70\n150\n8.5\n");
-    EXPECT_EQ(early.load.error, ScaleError::EndOfFile);
-    EXPECT_EQ(early.settings.Talon, "8.5");
-    EXPECT_EQ(early.settings.Dist_notes, "4.2") << "never reached";
-    EXPECT_EQ(parse("// only\r\n// headers\r\n").load.error, ScaleError::EndOfFile);
-    EXPECT_EQ(parse(scaleText(" 4", 3)).load.error, ScaleError::EndOfFile);
-
+    EXPECT_EQ(early.settings.Talon + "|" + early.settings.Dist_notes, "8.5|4.2") << "Dist_notes never reached";
     const Loaded flat = parse("60\nwide\n7\n5\n0\n 0\n", before);
-    EXPECT_EQ(flat.load.error, ScaleError::BadWidth);
     EXPECT_EQ(flat.scale.facteur_dessin, 1.25);
     EXPECT_FALSE(flat.scale.standard_AF_actif) << "cleared before the width is used";
-    EXPECT_EQ(parse("60\n6E-310\n7\n5\n0\n 0\n").load.error, ScaleError::BadWidth)
-        << "382 divided by a tiny width is no drawing factor";
-    EXPECT_EQ(parse("60\n100\n7\n5\n0\n 2\n64\n40000\n").load.error, ScaleError::Overflow);
-    EXPECT_EQ(parse("60\n100\n7\n5\n0\n 1e9\n").load.error, ScaleError::Overflow);
 }
 
 TEST(DefStandard, InstallsTheBuiltInScalesAndNeverReadsAFileOfTheirName)
 {
-    TempFolder documents("veltrin-scales-");
+    TempDir documents;
     documents.writeScale("Kolby 27-29", scaleText(" 3", 3));
-    documents.writeScale("Street", veltrin::testing::kStreetOrgan);
+    documents.writeScale("Street", testing::kStreetOrgan);
     Settings settings;
     OrganScale scale;
     MessageLog log;
     const auto install = [&](const char* name) {
         settings.Standard = name;
-        return Def_standard(documents.path(), settings, scale, log);
+        return Def_standard(documents.str(), settings, scale, log);
     };
 
     ASSERT_TRUE(install("Kolby 27-29").ok());
-    EXPECT_EQ(settings.Vitcarton + settings.Ldecoupe + settings.Dist_notes + settings.Talon,
-              "6034.26.3");
+    EXPECT_EQ(settings.Vitcarton + settings.Ldecoupe + settings.Dist_notes + settings.Talon, "6034.26.3");
     EXPECT_EQ(scale.nb_notes, 29);
     EXPECT_EQ(scale.longueur_pli, 160.0);
     EXPECT_EQ(scale.trackNote(0), 57) << "the extra notes sit on the first and last tracks";
@@ -160,16 +156,15 @@ TEST(DefStandard, InstallsTheBuiltInScalesAndNeverReadsAFileOfTheirName)
 
 TEST(ListStdPerso, ListsTheScaleFilesSortedAfterTheBuiltIns)
 {
-    TempFolder documents("veltrin-scales-");
-    EXPECT_EQ(list_std_perso(documents.path()),
-              (std::vector<std::string>{"Kolby 27-29", "Alder Fenn 20"}));
-
-    const std::string folder = instrumentsFolder(documents.path());
-    documents.writeScale("Alder Fenn 20", "");
-    for (const char* name : {"zither.txt", "Barrel B.txt", "barrel a.txt", "Caliope.TXT", "notes.md"})
-        std::ofstream(folder + "/" + name) << "60\n";
+    TempDir documents;
+    EXPECT_EQ(list_std_perso(documents.str()), (std::vector<std::string>{"Kolby 27-29", "Alder Fenn 20"}));
+    for (const char* name : {"Alder Fenn 20", "zither", "Barrel B", "barrel a"})
+        documents.writeScale(name, "60\n");
+    const std::string folder = instrumentsFolder(documents.str());
+    testing::writeText(folder + "/Caliope.TXT", "60\n");
+    testing::writeText(folder + "/notes.md", "60\n");
     std::filesystem::create_directories(folder + "/folder.txt");
-    EXPECT_EQ(list_std_perso(documents.path()),
+    EXPECT_EQ(list_std_perso(documents.str()),
               (std::vector<std::string>{"Kolby 27-29", "Alder Fenn 20", "barrel a", "Barrel B",
                                         "Caliope", "zither"}));
 }
