@@ -39,7 +39,8 @@ bool EmulatorProcess::start(int timeoutMs)
     const QDeadlineTimer deadline(timeoutMs);
     while (!m_process.canReadLine()) {
         if (deadline.hasExpired() || !m_process.waitForReadyRead(int(deadline.remainingTime()))) {
-            m_error = QStringLiteral("no pty path from the emulator: ") + standardError();
+            m_error = QStringLiteral("no pty path from the emulator: ") +
+                      QString::fromLocal8Bit(m_process.readAllStandardError());
             stop();
             return false;
         }
@@ -62,11 +63,6 @@ void EmulatorProcess::stop(int timeoutMs)
 bool EmulatorProcess::waitForExit(int timeoutMs)
 {
     return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(timeoutMs);
-}
-
-QString EmulatorProcess::standardError()
-{
-    return QString::fromLocal8Bit(m_process.readAllStandardError());
 }
 
 }  // namespace veltrin::test

@@ -1,5 +1,5 @@
-// The machine link through the real QSerialPort code, against the Grbl emulator on a
-// pseudo-terminal. Every wait has a hard upper bound.
+// The machine link through the real QSerialPort code and veltrin-cli, against the Grbl emulator
+// on a pseudo-terminal. Every wait has an upper bound.
 
 #include <gtest/gtest.h>
 
@@ -29,7 +29,6 @@ namespace {
 
 using test::EmulatorProcess;
 
-// Runs the event loop until done() or timeoutMs; true when done.
 bool waitUntil(const std::function<bool()>& done, int timeoutMs)
 {
     QElapsedTimer clock;
@@ -47,13 +46,22 @@ std::vector<std::string> readLines(const QString& path)
 {
     std::ifstream file(path.toStdString());
     std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);)
+    for (std::string line; std::getline(file, line);) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
         lines.push_back(line);
+    }
     return lines;
 }
 
-// A laser program as the writer makes it: title, header, power line, one rectangle of five
-// lines per hole, tool off.
+void writeLines(const QString& path, const std::vector<std::string>& lines, const char* end = "\n")
+{
+    std::ofstream file(path.toStdString(), std::ios::binary);
+    for (const auto& line : lines)
+        file << line << end;
+}
+
+// A laser program as the writer makes it: title, header, a rectangle of five lines per hole, tool off.
 std::vector<std::string> laserProgram(int holes, double stepMm = 1.0)
 {
     std::vector<std::string> lines = {";Laser gcode of the file : test", "$HX ;X origin search",
@@ -78,32 +86,60 @@ std::vector<std::string> sentLines(const std::vector<std::string>& program)
 {
     std::vector<std::string> out;
     for (const auto& line : program) {
-        std::string text = lineToSend(line);
-        if (!text.empty())
+        if (std::string text = lineToSend(line); !text.empty())
             out.push_back(text);
     }
     return out;
+}
+
+struct CliRun {
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+};
+
+void startCli(QProcess& process, const QStringList& arguments, const QString& configDir)
+{
+    auto env = QProcessEnvironment::systemEnvironment();
+    env.insert("XDG_CONFIG_HOME", configDir);
+    process.setProcessEnvironment(env);
+    process.start(QStringLiteral(VELTRIN_CLI), arguments);
+}
+
+CliRun runCli(const QStringList& arguments, const QString& configDir, const QByteArray& input = {})
+{
+    QProcess process;
+    startCli(process, arguments, configDir);
+    CliRun run;
+    if (!process.waitForStarted(5000))
+        return run;
+    process.write(input);
+    process.closeWriteChannel();
+    if (!process.waitForFinished(60000)) {
+        process.kill();
+        process.waitForFinished(2000);
+        return run;
+    }
+    run.exitCode = process.exitCode();
+    run.out = process.readAllStandardOutput().toStdString();
+    run.err = process.readAllStandardError().toStdString();
+    return run;
 }
 
 class MachineLinkTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        if (QCoreApplication::instance() == nullptr) {
-            static int argc = 1;
-            static char name[] = "machine_link_tests";
-            static char* argv[] = {name, nullptr};
-            static QCoreApplication application(argc, argv);
-        }
-        port = std::make_unique<MachinePort>(state);
+        EmulatorProcess::ensureApplication();
         ASSERT_TRUE(dir.isValid());
-        qputenv("XDG_CONFIG_HOME", dir.filePath("config").toUtf8());
+        qputenv("XDG_CONFIG_HOME", config().toUtf8());
+        port = std::make_unique<MachinePort>(state);
         remplir_glossaire(state.Liste_commentaires_grbl);
         QObject::connect(port.get(), &MachinePort::jobEnded, [this](JobOutcome o) { outcomes.push_back(o); });
         QObject::connect(port.get(), &MachinePort::detectionFinished, [this](bool found) { detections.push_back(found); });
     }
 
-    // Starts the emulator with these options plus a record file and a short boot.
+    // Starts the emulator with these options, a record file, speed 0 and a short boot unless given.
     void startEmulator(QStringList options)
     {
         options << "--record" << recordPath();
@@ -115,24 +151,28 @@ protected:
         ASSERT_TRUE(emulator->start()) << emulator->errorText().toStdString();
     }
     QString recordPath() const { return dir.filePath("record.txt"); }
+    QString config() const { return dir.filePath("config"); }
+    std::vector<std::string> record() const { return readLines(recordPath()); }
 
-    void connect(int timeoutMs = 8000)
+    void connect(QString path = {})
     {
-        ASSERT_TRUE(port->openPort(emulator->portPath()));
-        ASSERT_TRUE(waitUntil([this] { return !detections.empty(); }, timeoutMs));
+        ASSERT_TRUE(port->openPort(path.isEmpty() ? emulator->portPath() : path));
+        ASSERT_TRUE(waitUntil([this] { return !detections.empty(); }, 8000));
         ASSERT_TRUE(detections.back());
     }
-    JobProgram job(std::vector<std::string> lines)
+    void punch(const std::vector<std::string>& lines)
     {
         JobProgram p;
-        p.lines = std::move(lines);
+        p.lines = lines;
         p.fileName = "test.gcode";
-        return p;
+        ASSERT_TRUE(port->punch(p));
     }
-    bool logHas(const std::string& text) const
+    void click(void (GrblLink::*button)())
     {
-        return state.user_msg_list.text().find(text) != std::string::npos;
+        (port->link().*button)();
+        port->carryOut();
     }
+    bool logHas(const std::string& text) const { return state.user_msg_list.text().find(text) != std::string::npos; }
 
     QTemporaryDir dir;
     AppState state;
@@ -142,24 +182,22 @@ protected:
     std::vector<bool> detections;
 };
 
-TEST_F(MachineLinkTest, DetectsGrblByItsWelcomeText)
+TEST_F(MachineLinkTest, DetectsGrblByItsWelcomeTextThroughASymlink)
 {
-    startEmulator({});
-    QElapsedTimer clock;
-    clock.start();
-    connect();
-    EXPECT_LT(clock.elapsed(), 2500);
+    const QString link = dir.filePath("ttyGRBL");
+    startEmulator({"--link", link, "--factory-settings"});  // no unlock message: the banner alone
+    connect(link);
     EXPECT_TRUE(state.connecte);
     EXPECT_TRUE(state.ouvre_midi_actif);
     EXPECT_TRUE(logHas("Grbl 1.1h ['$' for help]\r\n"));
+    EXPECT_TRUE(record().empty()) << "found in the first wait: no \"\\r\" sent";
 }
 
 TEST_F(MachineLinkTest, DetectsASlowBoardAfterTheSecondWait)
 {
-    // The "\r" of the second wait falls into the boot loader; the welcome text that follows
-    // still ends the detection well.
+    // The "\r" of the second wait falls into the boot loader; the welcome text that follows ends the detection.
     startEmulator({"--boot-ms", "3200"});
-    connect(8000);
+    connect();
     EXPECT_TRUE(logHas(" < Grbl 1.1h ['$' for help]\r\n"));
     EXPECT_FALSE(logHas("No Grbl"));
 }
@@ -170,8 +208,7 @@ TEST_F(MachineLinkTest, SilentPortSaysNoGrblOnThisBoard)
     ASSERT_GE(master, 0);
     ASSERT_EQ(grantpt(master), 0);
     ASSERT_EQ(unlockpt(master), 0);
-    const QString slave = QString::fromLocal8Bit(ptsname(master));
-    ASSERT_TRUE(port->openPort(slave));
+    ASSERT_TRUE(port->openPort(QString::fromLocal8Bit(ptsname(master))));
     ASSERT_TRUE(waitUntil([this] { return !detections.empty(); }, 8000));
     EXPECT_FALSE(detections.back());
     EXPECT_TRUE(logHas("No Grbl on this board\r\n"));
@@ -184,109 +221,74 @@ TEST_F(MachineLinkTest, SilentPortSaysNoGrblOnThisBoard)
     close(master);
 }
 
-TEST_F(MachineLinkTest, LongJobArrivesWholeAndInOrder)
+TEST_F(MachineLinkTest, CliStreamSendsALongJobWholeAndInOrder)
 {
     startEmulator({});
-    connect();
     const auto program = laserProgram(420);
     ASSERT_GE(program.size(), 2000u);
-    ASSERT_TRUE(port->punch(job(program)));
-    ASSERT_TRUE(waitUntil([this] { return !outcomes.empty(); }, 60000));
-    EXPECT_EQ(outcomes[0], JobOutcome::EndOfPunch);
-    EXPECT_EQ(readLines(recordPath()), sentLines(program));
-    EXPECT_EQ(port->link().job().okCount(), sentLines(program).size());
-    EXPECT_TRUE(logHas("End of punch\r\n"));
-}
-
-TEST_F(MachineLinkTest, SplitRepliesAreStillOneResponseEach)
-{
-    startEmulator({"--split-replies"});
-    connect();
-    const auto program = laserProgram(40);
-    ASSERT_TRUE(port->punch(job(program)));
-    ASSERT_TRUE(waitUntil([this] { return !outcomes.empty(); }, 30000));
-    EXPECT_EQ(outcomes[0], JobOutcome::EndOfPunch);
-    EXPECT_EQ(readLines(recordPath()), sentLines(program));
+    const QString path = dir.filePath("song.gcode");
+    writeLines(path, program, "\r\n");
+    const CliRun run = runCli({"stream", path, "--port", emulator->portPath(), "--defaults"}, config());
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.out.find(">  G0 X6.3 Y0  < ok\n"), std::string::npos);
+    EXPECT_NE(run.out.find("\nEnd of punch\n"), std::string::npos);
+    const auto sent = sentLines(program);
+    EXPECT_EQ(record(), sent);
+    std::size_t oks = 0;
+    for (auto at = run.out.find("  < ok\n"); at != std::string::npos; at = run.out.find("  < ok\n", at + 1))
+        ++oks;
+    EXPECT_EQ(oks, sent.size());
 }
 
 TEST_F(MachineLinkTest, PauseResumeAndStopInTheMiddle)
 {
-    // 20 mm moves at F800 last 1.5 s; at 50 times the speed, 30 ms.
-    startEmulator({"--speed", "50"});
+    startEmulator({"--speed", "50"});  // 20 mm at F800: 30 ms
     connect();
     const auto program = laserProgram(300, 20.0);
-    ASSERT_TRUE(port->punch(job(program)));
-    ASSERT_TRUE(waitUntil([this] { return port->link().job().progress() >= 100; }, 30000));
-    port->link().Pause_button_Click();
-    port->carryOut();
+    punch(program);
+    const auto& job = port->link().job();
+    ASSERT_TRUE(waitUntil([&] { return job.progress() >= 100; }, 30000));
+    click(&GrblLink::Pause_button_Click);
     ASSERT_TRUE(waitUntil([this] { return logHas("Hit Continue to resume"); }, 10000));
-    const std::size_t paused = port->link().job().progress();
+    const std::size_t paused = job.progress();
     waitUntil([] { return false; }, 400);
-    EXPECT_EQ(port->link().job().progress(), paused);
+    EXPECT_EQ(job.progress(), paused);
 
-    port->link().Pause_button_Click();
-    port->carryOut();
-    ASSERT_TRUE(waitUntil([&] { return port->link().job().progress() >= paused + 20; }, 20000));
+    click(&GrblLink::Pause_button_Click);
+    ASSERT_TRUE(waitUntil([&] { return job.progress() >= paused + 20; }, 20000));
 
-    port->link().Stop_button_Click();
-    port->carryOut();
+    click(&GrblLink::Stop_button_Click);
     ASSERT_TRUE(waitUntil([this] { return !outcomes.empty(); }, 10000));
     EXPECT_EQ(outcomes[0], JobOutcome::Cancelled);
     EXPECT_TRUE(logHas("Punch cancelled\r\n"));
     EXPECT_FALSE(logHas("End of punch"));
-    const auto record = readLines(recordPath());
-    ASSERT_FALSE(record.empty());
-    EXPECT_EQ(record.back(), "M5");
-    // Before the "M5", the lines received are the program's first ones, in order.
-    const auto expected = sentLines(program);
-    ASSERT_LT(record.size() - 1, expected.size());
-    for (std::size_t i = 0; i + 1 < record.size(); ++i)
-        ASSERT_EQ(record[i], expected[i]) << "line " << i;
+    auto lines = record();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), "M5");
+    lines.pop_back();
+    auto expected = sentLines(program);
+    ASSERT_LT(lines.size(), expected.size());
+    expected.resize(lines.size());
+    EXPECT_EQ(lines, expected) << "before the M5, the program's first lines in order";
 }
 
-TEST_F(MachineLinkTest, ErrorHoldsTheJobAndStopStillWorks)
+TEST_F(MachineLinkTest, ErrorHoldsTheJobAndStopStillWorksWithSplitReplies)
 {
-    // Lines count from power-up: the job's first line ("$HX") is line 1.
-    startEmulator({"--error-at", "60:20"});
+    startEmulator({"--error-at", "60:20", "--split-replies"});  // lines count from power-up: "$HX" is line 1
     connect();
-    const auto program = laserProgram(100);
-    ASSERT_TRUE(port->punch(job(program)));
+    punch(laserProgram(100));
     ASSERT_TRUE(waitUntil([this] { return port->link().job().held(); }, 20000));
     EXPECT_TRUE(logHas("(error:20): punch held"));
-    const std::size_t held = port->link().job().progress();
-    EXPECT_EQ(held, 61u);  // the title line and 60 lines answered
+    EXPECT_EQ(port->link().job().progress(), 61u) << "the title line and 60 lines answered, one response each";
     waitUntil([] { return false; }, 300);
-    EXPECT_EQ(port->link().job().progress(), held);
-    port->link().Stop_button_Click();
-    port->carryOut();
+    EXPECT_EQ(port->link().job().progress(), 61u);
+    click(&GrblLink::Stop_button_Click);
     ASSERT_TRUE(waitUntil([this] { return !outcomes.empty(); }, 10000));
     EXPECT_EQ(outcomes[0], JobOutcome::Cancelled);
-    const auto record = readLines(recordPath());
-    ASSERT_EQ(record.size(), 61u);
-    EXPECT_EQ(record.back(), "M5");
-}
-
-TEST_F(MachineLinkTest, HangUpLeavesAResumeFileAtTheFirstLineNotAcknowledged)
-{
-    startEmulator({"--hangup-after", "300"});
-    connect();
-    JobProgram p = job(laserProgram(200));
-    p.songPath = dir.filePath("song.mid").toStdString();
-    p.Fourchette = "7";
-    p.Vitcarton = 1000;  // Y in mm is then the start time in ms
-    ASSERT_TRUE(port->punch(p));
-    ASSERT_TRUE(waitUntil([this] { return !outcomes.empty(); }, 20000));
-    EXPECT_EQ(outcomes[0], JobOutcome::PortLost);
-    EXPECT_FALSE(state.connecte);
-    auto resume = readResumeFile(resumePathFor(p.songPath));
-    ASSERT_TRUE(resume.ok());
-    EXPECT_EQ(resume->songPath, p.songPath);
-    EXPECT_EQ(resume->Fourchette, "7");
-    // 300 lines acknowledged: the title line, the 3 header lines and 296 hole lines, so
-    // line 300 (the 60th hole's second line) is the first not acknowledged; that hole starts
-    // at 59 mm.
-    EXPECT_EQ(resume->restartLine, 301);
-    EXPECT_DOUBLE_EQ(resume->restartMs, 59);
+    auto expected = sentLines(laserProgram(100));
+    expected.resize(60);
+    expected.push_back("M5");
+    EXPECT_EQ(record(), expected);
 }
 
 class TwoRolls : public JobHost {
@@ -323,65 +325,16 @@ TEST_F(MachineLinkTest, NextRollFollowsAfterTheRollGap)
     second[5] = "G1 X99 F800 ;second roll";
     host.rolls = {second};
     port->link().setHost(&host);
-    ASSERT_TRUE(port->punch(job(first)));
+    punch(first);
     ASSERT_TRUE(waitUntil([this] { return outcomes.size() == 2; }, 30000));
     EXPECT_EQ(outcomes[1], JobOutcome::EndOfPunch);
     std::vector<std::string> expected = sentLines(first);
     expected.push_back("$J=G91Y120F800");
     for (const auto& line : sentLines(second))
         expected.push_back(line);
-    EXPECT_EQ(readLines(recordPath()), expected);
+    EXPECT_EQ(record(), expected);
     EXPECT_EQ(host.questions, std::vector<std::string>{"Cutting folds backwardly ?"});
     port->link().setHost(nullptr);
-}
-
-// --- veltrin-cli stream and console ---
-
-struct CliRun {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-};
-
-CliRun runCli(const QStringList& arguments, const QByteArray& input, const QString& configDir, int timeoutMs)
-{
-    QProcess process;
-    auto env = QProcessEnvironment::systemEnvironment();
-    env.insert("XDG_CONFIG_HOME", configDir);
-    process.setProcessEnvironment(env);
-    process.start(QStringLiteral(VELTRIN_CLI), arguments);
-    CliRun run;
-    if (!process.waitForStarted(5000))
-        return run;
-    process.write(input);
-    process.closeWriteChannel();
-    if (!process.waitForFinished(timeoutMs)) {
-        process.kill();
-        process.waitForFinished(2000);
-        return run;
-    }
-    run.exitCode = process.exitCode();
-    run.out = process.readAllStandardOutput().toStdString();
-    run.err = process.readAllStandardError().toStdString();
-    return run;
-}
-
-TEST_F(MachineLinkTest, CliStreamPunchesAFile)
-{
-    startEmulator({});
-    const auto program = laserProgram(100);
-    const QString path = dir.filePath("song.gcode");
-    {
-        std::ofstream file(path.toStdString(), std::ios::binary);
-        for (const auto& line : program)
-            file << line << "\r\n";
-    }
-    const CliRun run = runCli({"stream", path, "--port", emulator->portPath(), "--defaults"}, {},
-                              dir.filePath("config"), 30000);
-    EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_NE(run.out.find(">  G0 X6.3 Y0  < ok\n"), std::string::npos);
-    EXPECT_NE(run.out.find("\nEnd of punch\n"), std::string::npos);
-    EXPECT_EQ(readLines(recordPath()), sentLines(program));
 }
 
 TEST_F(MachineLinkTest, CliStreamStopsOnTheFirstInterrupt)
@@ -389,16 +342,9 @@ TEST_F(MachineLinkTest, CliStreamStopsOnTheFirstInterrupt)
     startEmulator({"--speed", "20"});
     const auto program = laserProgram(200, 20.0);
     const QString path = dir.filePath("slow.gcode");
-    {
-        std::ofstream file(path.toStdString());
-        for (const auto& line : program)
-            file << line << "\n";
-    }
+    writeLines(path, program);
     QProcess process;
-    auto env = QProcessEnvironment::systemEnvironment();
-    env.insert("XDG_CONFIG_HOME", dir.filePath("config"));
-    process.setProcessEnvironment(env);
-    process.start(QStringLiteral(VELTRIN_CLI), {"stream", path, "--port", emulator->portPath(), "--defaults"});
+    startCli(process, {"stream", path, "--port", emulator->portPath(), "--defaults"}, config());
     ASSERT_TRUE(process.waitForStarted(5000));
     QByteArray out;
     ASSERT_TRUE(waitUntil([&] {
@@ -411,83 +357,85 @@ TEST_F(MachineLinkTest, CliStreamStopsOnTheFirstInterrupt)
     EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(process.exitCode(), 1);
     EXPECT_TRUE(out.contains("Punch cancelled\n")) << out.toStdString();
-    const auto record = readLines(recordPath());
-    ASSERT_FALSE(record.empty());
-    EXPECT_EQ(record.back(), "M5");
-    EXPECT_LT(record.size(), sentLines(program).size());
+    const auto lines = record();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), "M5");
+    EXPECT_LT(lines.size(), sentLines(program).size());
 }
 
-TEST_F(MachineLinkTest, PortGivenAsASymlinkWorks)
+TEST_F(MachineLinkTest, CliExitCodesForBadInputAndMissingMachines)
 {
-    const QString link = dir.filePath("ttyGRBL");
-    startEmulator({"--link", link});
-    ASSERT_TRUE(port->openPort(link));
-    ASSERT_TRUE(waitUntil([this] { return !detections.empty(); }, 8000));
-    EXPECT_TRUE(detections.back());
+    const QString program = dir.filePath("song.gcode");
+    writeLines(program, {"G0 X1 Y1"});
+    const QString occupied = dir.filePath("ttyUSB0");
+    writeLines(occupied, {"keep me"});
+    const struct {
+        QStringList arguments;
+        int exitCode;
+    } cases[] = {
+        {{"stream", program, "--port", dir.filePath("no-such-port"), "--defaults"}, 1},
+        {{"stream", dir.filePath("missing.gcode"), "--port", "x", "--defaults"}, 2},
+        {{"emulate", "--error-at", "3"}, 2},
+        {{"emulate", "--record", "/nonexistent-folder/r.txt"}, 2},
+        {{"emulate", "--link", occupied}, 1},  // a link never replaces a real file
+    };
+    for (const auto& c : cases) {
+        const CliRun run = runCli(c.arguments, config());
+        EXPECT_EQ(run.exitCode, c.exitCode) << c.arguments.join(' ').toStdString() << "\n" << run.err;
+        if (c.arguments[0] == "emulate") {
+            EXPECT_EQ(run.out, "") << "no pty path printed";
+        }
+    }
+    EXPECT_EQ(readLines(occupied), std::vector<std::string>{"keep me"});
 }
 
-TEST_F(MachineLinkTest, CliStreamWithoutAMachineFails)
-{
-    const QString path = dir.filePath("song.gcode");
-    std::ofstream(path.toStdString()) << "G0 X1 Y1\n";
-    const CliRun run = runCli({"stream", path, "--port", dir.filePath("no-such-port"), "--defaults"}, {},
-                              dir.filePath("config"), 10000);
-    EXPECT_EQ(run.exitCode, 1);
-    const CliRun missing = runCli({"stream", dir.filePath("missing.gcode"), "--port", "x", "--defaults"}, {},
-                                  dir.filePath("config"), 10000);
-    EXPECT_EQ(missing.exitCode, 2);
-}
-
-TEST_F(MachineLinkTest, ResumeFileOfAnInterruptedJobRegeneratesEveryHoleNotMade)
+TEST_F(MachineLinkTest, HangUpLeavesAResumeFileThatRegeneratesEveryHoleNotAcknowledged)
 {
     const QString song = dir.filePath("song.mid");
     ASSERT_TRUE(QFile::copy(QStringLiteral(TEST_DATA_DIR "/midi/greensleeves.mid"), song));
-    const QString config = dir.filePath("config");
     const QString first = dir.filePath("first.gcode");
-    const CliRun convert = runCli({"convert", song, "--defaults", "--out", first}, {}, config, 60000);
+    const CliRun convert = runCli({"convert", song, "--defaults", "--out", first}, config());
     ASSERT_EQ(convert.exitCode, 0) << convert.err;
     const auto program = readLines(first);
     ASSERT_GT(program.size(), 500u);
 
     startEmulator({"--hangup-after", "400"});
-    const CliRun stream = runCli({"stream", first, "--port", emulator->portPath(), "--defaults", "--song", song}, {},
-                                 config, 30000);
+    const CliRun stream = runCli({"stream", first, "--port", emulator->portPath(), "--defaults", "--song", song,
+                                  "--set", "Fourchette=5"},
+                                 config());
     EXPECT_EQ(stream.exitCode, 1) << stream.err;
     EXPECT_NE(stream.out.find("Port closed: punch interrupted"), std::string::npos);
+    EXPECT_TRUE(emulator->waitForExit(5000)) << "the emulator ends with its hang-up";
 
-    auto resume = readResumeFile(resumePathFor(song.toStdString()));
+    const auto resume = readResumeFile(resumePathFor(song.toStdString()));
     ASSERT_TRUE(resume.ok());
-    ASSERT_GT(resume->restartLine, 0);
-    ASSERT_LT(static_cast<std::size_t>(resume->restartLine), program.size());
+    EXPECT_EQ(resume->songPath, song.toStdString());
+    EXPECT_EQ(resume->Fourchette, "5");
+    // 400 lines answered: the first not acknowledged is the 401st line sent.
+    std::size_t notAcknowledged = 0;
+    for (int sent = 0; notAcknowledged < program.size(); ++notAcknowledged) {
+        if (!lineToSend(program[notAcknowledged]).empty() && ++sent == 401)
+            break;
+    }
+    ASSERT_EQ(resume->restartLine, static_cast<long long>(notAcknowledged));
 
     const QString second = dir.filePath("second.gcode");
-    const CliRun again = runCli({"convert", song + ".rep", "--defaults", "--out", second}, {}, config, 60000);
+    const CliRun again = runCli({"convert", song + ".rep", "--defaults", "--out", second}, config());
     ASSERT_EQ(again.exitCode, 0) << again.err;
     const auto rest = readLines(second);
-    std::set<std::string> restLines;
-    for (auto line : rest) {
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        restLines.insert(line);
-    }
-
-    // The hole of the first line not acknowledged, and every hole after it, is in the new
-    // program (a hole starts with its travel move "G0 X.. Y..").
-    const auto isHole = [](const std::string& line) {
-        return line.starts_with("G0 X") && line.find(" Y") != std::string::npos;
-    };
-    std::size_t from = static_cast<std::size_t>(resume->restartLine);
+    const std::set<std::string> restLines(rest.begin(), rest.end());
+    // Each hole starts with its travel move "G0 X.. Y..": the hole of the first line not
+    // acknowledged, and every hole after it, is in the new program.
+    const auto isHole = [](const std::string& line) { return line.starts_with("G0 X") && line.find(" Y") != std::string::npos; };
+    std::size_t from = notAcknowledged;
     while (from > 0 && !isHole(program[from]))
         --from;
     int holes = 0;
     for (std::size_t i = from; i < program.size(); ++i) {
-        std::string line = program[i];
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        if (!isHole(line))
-            continue;
-        ++holes;
-        EXPECT_TRUE(restLines.count(line)) << "missing hole " << line << " (line " << i << ")";
+        if (isHole(program[i])) {
+            ++holes;
+            EXPECT_TRUE(restLines.count(program[i])) << "missing hole " << program[i] << " (line " << i << ")";
+        }
     }
     EXPECT_GT(holes, 0);
 }
@@ -495,13 +443,13 @@ TEST_F(MachineLinkTest, ResumeFileOfAnInterruptedJobRegeneratesEveryHoleNotMade)
 TEST_F(MachineLinkTest, CliConsoleAnswersEachCommandThenEndsWithItsInput)
 {
     startEmulator({"--factory-settings"});
-    const CliRun run = runCli({"console", "--port", emulator->portPath(), "--defaults"}, "$$\nG5\n$J=G91X50F800\n",
-                              dir.filePath("config"), 20000);
+    const CliRun run = runCli({"console", "--port", emulator->portPath(), "--defaults"}, config(),
+                              "$$\nG5\n$J=G91X50F800\n");
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_NE(run.out.find("$$\n$0=10 (Step pulse time)\n"), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("G5\nerror:20\n"), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("$J=G91X50F800\nok\n"), std::string::npos) << run.out;
-    EXPECT_EQ(readLines(recordPath()), (std::vector<std::string>{"$$", "G5", "$J=G91X50F800"}));
+    EXPECT_EQ(record(), (std::vector<std::string>{"$$", "G5", "$J=G91X50F800"}));
 }
 
 }  // namespace
