@@ -44,10 +44,9 @@ TEST(EmulatorPty, EachOpeningGetsABannerThenAnAnswerPerLineInSplitReplies)
         ASSERT_TRUE(port.open(QIODevice::ReadWrite)) << port.errorString().toStdString();
         EXPECT_EQ(readUntil(port, "help]\r\n"), "\r\nGrbl 1.1h ['$' for help]\r\n");
         port.write("g0 x1 (first)\rG0 X\r");
-        ASSERT_TRUE(port.waitForReadyRead(2000));
-        const QByteArray first = port.readAll();
-        EXPECT_EQ(first, "o") << "the first half comes alone";
-        EXPECT_EQ(first + readUntil(port, "error:2\r\n"), "ok\r\nerror:2\r\n");
+        // The halves of a split reply arrive 20 ms apart (the core's timing is pinned by the
+        // emulator tests); whatever the reader's wake-ups, they add up to whole replies.
+        EXPECT_EQ(readUntil(port, "error:2\r\n"), "ok\r\nerror:2\r\n");
         port.write("?");
         EXPECT_EQ(readUntil(port, ">\r\n"), "<Idle|MPos:1.000,0.000,0.000|FS:0,0>\r\n");
     }

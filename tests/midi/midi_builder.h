@@ -1,16 +1,14 @@
 #pragma once
-// Builds small Standard MIDI Files in memory for the decoder tests.
+// Small Standard MIDI Files built in memory for the decoder tests.
 
 #include <cstdint>
 #include <initializer_list>
-#include <string>
 #include <vector>
 
 namespace veltrin::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// A variable-length quantity (delta-times, meta lengths).
 inline Bytes vlq(std::uint32_t value)
 {
     Bytes out{static_cast<std::uint8_t>(value & 0x7F)};
@@ -27,39 +25,25 @@ inline Bytes cat(std::initializer_list<Bytes> parts)
     return out;
 }
 
-inline void putBe32(Bytes& out, std::uint32_t value)
-{
-    for (int shift = 24; shift >= 0; shift -= 8)
-        out.push_back(static_cast<std::uint8_t>(value >> shift));
-}
-
-// An "MTrk" chunk around the given events (which should end with kEndOfTrack).
-inline Bytes track(const Bytes& events)
-{
-    Bytes out{'M', 'T', 'r', 'k'};
-    putBe32(out, static_cast<std::uint32_t>(events.size()));
-    out.insert(out.end(), events.begin(), events.end());
-    return out;
-}
-
-// Header chunk and the given track chunks; division is written as its 16-bit pattern.
-inline Bytes song(int format, int division, std::initializer_list<Bytes> trackEvents)
+// Header and one "MTrk" chunk per event list; division is written as its 16-bit pattern.
+inline Bytes song(int format, int division, std::initializer_list<Bytes> tracks)
 {
     Bytes out{'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, static_cast<std::uint8_t>(format), 0,
-              static_cast<std::uint8_t>(trackEvents.size()),
+              static_cast<std::uint8_t>(tracks.size()),
               static_cast<std::uint8_t>((division >> 8) & 0xFF),
               static_cast<std::uint8_t>(division & 0xFF)};
-    for (const Bytes& events : trackEvents) {
-        const Bytes chunk = track(events);
-        out.insert(out.end(), chunk.begin(), chunk.end());
+    for (const Bytes& events : tracks) {
+        out.insert(out.end(), {'M', 'T', 'r', 'k'});
+        for (int shift = 24; shift >= 0; shift -= 8)
+            out.push_back(static_cast<std::uint8_t>(events.size() >> shift));
+        out.insert(out.end(), events.begin(), events.end());
     }
     return out;
 }
 
-// Delta 0, meta end of track.
 inline const Bytes kEndOfTrack{0x00, 0xFF, 0x2F, 0x00};
 
-// Delta, meta tempo event (microseconds per quarter note).
+// Delta and a tempo meta event (microseconds per quarter note).
 inline Bytes tempoEvent(std::uint32_t delta, std::uint32_t tempo)
 {
     return cat({vlq(delta), {0xFF, 0x51, 0x03, static_cast<std::uint8_t>(tempo >> 16),
