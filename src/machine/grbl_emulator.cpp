@@ -760,18 +760,7 @@ std::optional<int> GrblEmulator::executeJog(int lineNo, const std::string& text)
     if (!axes[0] && !axes[1] && !axes[2])
         return 16;
     const double unit = inches ? kMmPerInch : 1.0;
-    Vec3 target = m_gcPosition;
-    for (int axis = 0; axis < 3; ++axis) {
-        if (!axes[axis])
-            continue;
-        const double value = *axes[axis] * unit;
-        if (machineCoordinates)
-            target[axis] = value;
-        else if (relative)
-            target[axis] += value;
-        else
-            target[axis] = value + m_g92Offset[axis];
-    }
+    const Vec3 target = moveTarget(axes, unit, relative, machineCoordinates);
     if (setting(20) != 0) {
         for (int axis = 0; axis < 3; ++axis) {
             if (target[axis] > 0 || target[axis] < -setting(130 + axis))
@@ -907,18 +896,7 @@ std::optional<int> GrblEmulator::executeGcode(int lineNo, const std::string& lin
     }
     // 6. Motion.
     if (moves) {
-        Vec3 target = m_gcPosition;
-        for (int axis = 0; axis < 3; ++axis) {
-            if (!axes[axis])
-                continue;
-            const double value = *axes[axis] * unit;
-            if (machineCoordinates)
-                target[axis] = value;
-            else if (relative)
-                target[axis] += value;
-            else
-                target[axis] = value + m_g92Offset[axis];
-        }
+        const Vec3 target = moveTarget(axes, unit, relative, machineCoordinates);
         double distance = 0;
         for (int axis = 0; axis < 3; ++axis)
             distance += (target[axis] - m_gcPosition[axis]) * (target[axis] - m_gcPosition[axis]);
@@ -948,6 +926,25 @@ double GrblEmulator::homePosition(int axis) const
 {
     const bool towardsMinus = (static_cast<int>(setting(23)) >> axis & 1) != 0;
     return towardsMinus ? -setting(130 + axis) + setting(27) : -setting(27);
+}
+
+GrblEmulator::Vec3 GrblEmulator::moveTarget(const std::array<std::optional<double>, 3>& axes,
+                                            double unit, bool relative,
+                                            bool machineCoordinates) const
+{
+    Vec3 target = m_gcPosition;
+    for (int axis = 0; axis < 3; ++axis) {
+        if (!axes[axis])
+            continue;
+        const double value = *axes[axis] * unit;
+        if (machineCoordinates)
+            target[axis] = value;
+        else if (relative)
+            target[axis] += value;
+        else
+            target[axis] = value + m_g92Offset[axis];
+    }
+    return target;
 }
 
 double GrblEmulator::rateLimited(const Vec3& from, const Vec3& to, double feed) const
