@@ -117,6 +117,23 @@ GrblEmulator::GrblEmulator(GrblEmulatorOptions options) : m_options(std::move(op
     powerUp(0);
 }
 
+// What a reset forgets besides the motion: unparsed input and the modal state.
+void GrblEmulator::clearInputAndModes()
+{
+    m_rx.clear();
+    m_line.clear();
+    m_lineOverflow = false;
+    m_commentDepth = 0;
+    m_semicolon = false;
+    m_g92Offset = {};
+    m_relative = false;
+    m_inches = false;
+    m_motion = 0;
+    m_feed = 0;
+    m_spindleS = 0;
+    m_spindleOn = false;
+}
+
 void GrblEmulator::powerUp(std::int64_t nowMs)
 {
     m_nowMs = std::max(m_nowMs, static_cast<double>(nowMs));
@@ -125,22 +142,11 @@ void GrblEmulator::powerUp(std::int64_t nowMs)
     m_booting = true;
     m_bootEndMs = m_nowMs + m_options.bootMs;
     m_critical = false;
-    m_rx.clear();
-    m_line.clear();
-    m_lineOverflow = false;
-    m_commentDepth = 0;
-    m_semicolon = false;
     m_planner.clear();
     m_pending.reset();
     m_position = {};
     m_gcPosition = {};
-    m_g92Offset = {};
-    m_relative = false;
-    m_inches = false;
-    m_motion = 0;
-    m_feed = 0;
-    m_spindleS = 0;
-    m_spindleOn = false;
+    clearInputAndModes();
     m_holdComplete = false;
     // With homing enabled Grbl powers up locked: the position is unknown until homed.
     m_state = setting(22) != 0 ? State::Alarm : State::Idle;
@@ -296,19 +302,8 @@ void GrblEmulator::softReset()
     m_critical = false;
     m_planner.clear();
     m_pending.reset();
-    m_rx.clear();
-    m_line.clear();
-    m_lineOverflow = false;
-    m_commentDepth = 0;
-    m_semicolon = false;
     m_gcPosition = m_position;
-    m_g92Offset = {};
-    m_relative = false;
-    m_inches = false;
-    m_motion = 0;
-    m_feed = 0;
-    m_spindleS = 0;
-    m_spindleOn = false;
+    clearInputAndModes();
     m_booting = true;
     m_bootEndMs = m_nowMs + kSoftResetMs;
 }

@@ -163,6 +163,7 @@ private:
     double scaled(double realMs) const;
     double homePosition(int axis) const;
     double rateLimited(const Vec3& from, const Vec3& to, double feed) const;
+    void clearInputAndModes();
     // Where a move or jog with these axis words ends (G90/G91, G20, G53 and G92 applied).
     Vec3 moveTarget(const std::array<std::optional<double>, 3>& axes, double unit, bool relative,
                     bool machineCoordinates) const;
