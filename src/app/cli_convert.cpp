@@ -4,6 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <QLocale>
+
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -94,6 +96,11 @@ int runConvert(const ConvertArgs& args)
         stored = std::make_unique<QtSettingsStore>();
 
     AppState state;
+    // The report's figures follow the operator's locale, as in the window; the program's
+    // numbers never do.
+    const QString point = QLocale::system().decimalPoint();
+    if (point.size() == 1 && point.front().unicode() < 0x80)
+        state.reportDecimalSeparator = static_cast<char>(point.front().unicode());
     auto started = startForRun(state, stored.get(), overrides, folders);
     if (!started) {
         std::fprintf(stderr, "veltrin-cli convert: %s: %s\n",

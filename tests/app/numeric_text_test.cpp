@@ -1,6 +1,5 @@
 #include "app/numeric_text.h"
 
-#include <clocale>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -18,17 +17,6 @@ TEST(LeadingNumber, ReadsTheNumberAtTheStartElseZero)
         {"", 0}, {"   ", 0}, {"// a comment", 0}, {"-", 0}, {".", 0}, {"x12", 0}};
     for (const auto& [text, value] : cases)
         EXPECT_DOUBLE_EQ(leadingNumber(text), value) << '"' << text << '"';
-}
-
-TEST(LeadingNumber, IgnoresACommaDecimalLocale)
-{
-    const char* previous = std::setlocale(LC_NUMERIC, nullptr);
-    const std::string saved = previous ? previous : "C";
-    if (!std::setlocale(LC_NUMERIC, "de_DE.UTF-8") && !std::setlocale(LC_NUMERIC, "fr_FR.UTF-8"))
-        GTEST_SKIP() << "no comma-decimal locale installed";
-    EXPECT_DOUBLE_EQ(leadingNumber("4.2"), 4.2);
-    EXPECT_EQ(plainNumber(4.2), "4.2");
-    std::setlocale(LC_NUMERIC, saved.c_str());
 }
 
 // Zero padded; a too wide value loses its leading digits, and a negative one follows the

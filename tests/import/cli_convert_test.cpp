@@ -37,10 +37,10 @@ protected:
         testing::writeText(configFile(), "[Startup]\n" + startupLines);
     }
 
-    ConvertRun convert(std::vector<std::string> args) const
+    ConvertRun convert(std::vector<std::string> args, const std::string& locale = "C") const
     {
         args.insert(args.begin(), "convert");
-        const testing::CliRun run = testing::runCli("VELTRIN_DOCUMENTS=" + testing::quoted(dir.str()) +
+        const testing::CliRun run = testing::runCli("LC_ALL=" + locale + " VELTRIN_DOCUMENTS=" + testing::quoted(dir.str()) +
                                                         " XDG_CONFIG_HOME=" +
                                                         testing::quoted((dir.path() / "config").string()),
                                                     args);
@@ -63,6 +63,21 @@ TEST_F(CliConvert, PrintsTheImportLogThenTheProgramAndSavesTheChosenWidth)
     EXPECT_EQ(run.out.back(), (temp() / "valse.gcode").string());
     EXPECT_EQ(testing::holeYs(readText(temp() / "valse.gcode")), (std::vector<double>{0, 60, 120, 180, 240}));
     EXPECT_NE(stored().find("Fourchette="), std::string::npos) << stored();
+}
+
+TEST_F(CliConvert, ReportFollowsTheOperatorsLocaleWhileTheProgramKeepsPoints)
+{
+    const ConvertRun run = convert({song, "--defaults", "--set", "Lgponts=0"}, "de_DE.UTF-8");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const auto cut = std::find_if(run.out.begin(), run.out.end(), [](const std::string& line) {
+        return line.starts_with("   - Cuttings length : ");
+    });
+    ASSERT_NE(cut, run.out.end());
+    EXPECT_TRUE(cut->ends_with(" m") && cut->find(',') != std::string::npos) << *cut;
+    const std::string program = readText(temp() / "valse.gcode");
+    EXPECT_EQ(program.find(','), std::string::npos);
+    // Middle C is track 5: X = 6.3 - 3 / 2 + 5 x 4.2 = 25.8, cut 3 mm wide to 28.8.
+    EXPECT_NE(program.find("G0 X25.8 Y0\r\nG1 X28.8 F800\r\n"), std::string::npos) << program;
 }
 
 TEST_F(CliConvert, StoredSettingsApplyUnlessDefaultsAndSetIsNeverSaved)
