@@ -21,6 +21,12 @@ MachinePort::MachinePort(AppState& state, QObject* parent)
     m_tick.start();
     m_watch.setInterval(1000);
     connect(&m_watch, &QTimer::timeout, this, &MachinePort::watchPorts);
+    m_listPorts = [] {
+        QStringList locations;
+        for (const QSerialPortInfo& info : QSerialPortInfo::availablePorts())
+            locations << info.systemLocation();
+        return locations;
+    };
 }
 
 MachinePort::~MachinePort()
@@ -41,6 +47,20 @@ QString MachinePort::systemName(const QString& field)
     return name;
 }
 
+// Where QSerialPort opens a port name, as the port list gives it: ttyUSB0 is /dev/ttyUSB0, COM3
+// is \\.\COM3. The watcher knows the open port among the listed ones by it.
+QString MachinePort::systemLocation(const QString& name)
+{
+#ifdef Q_OS_WIN
+    return name.startsWith(QLatin1String("COM")) ? QStringLiteral("\\\\.\\") + name : name;
+#else
+    if (name.startsWith(QLatin1Char('/')) || name.startsWith(QLatin1String("./")) ||
+        name.startsWith(QLatin1String("../")))
+        return name;
+    return QStringLiteral("/dev/") + name;
+#endif
+}
+
 void MachinePort::parametres_port()
 {
     m_port.setBaudRate(QSerialPort::Baud115200);
@@ -57,11 +77,11 @@ bool MachinePort::openOnly(const QString& field)
     const QString name = systemName(field);
     if (name.isEmpty())
         return false;
-    // A path is opened as given; a symbolic link is followed so that the watcher can match
-    // it with the port list.
-    QString location = name;
-    if (name.startsWith(QLatin1Char('/'))) {
-        const QFileInfo info(name);
+    // A name is opened at its system location and a symbolic link is followed, so that the
+    // watcher can match the open port with the port list.
+    QString location = systemLocation(name);
+    if (location.startsWith(QLatin1Char('/'))) {
+        const QFileInfo info(location);
         if (info.isSymLink())
             location = info.canonicalFilePath();
     }
@@ -130,9 +150,7 @@ void MachinePort::scanPorts()
 {
     if (m_port.isOpen() || m_state->recherche_en_cours)
         return;
-    m_scanCandidates.clear();
-    for (const QSerialPortInfo& info : QSerialPortInfo::availablePorts())
-        m_scanCandidates << info.systemLocation();
+    m_scanCandidates = m_listPorts();
     m_scanFirstOpened.clear();
     m_scanFallback = false;
     m_state->recherche_en_cours = true;
@@ -239,9 +257,8 @@ void MachinePort::carryOut()
 
 void MachinePort::setWatching(bool on)
 {
-    m_knownPorts.clear();
-    for (const QSerialPortInfo& info : QSerialPortInfo::availablePorts())
-        m_knownPorts.insert(info.systemLocation());
+    const QStringList listed = m_listPorts();
+    m_knownPorts = QSet<QString>(listed.begin(), listed.end());
     if (on)
         m_watch.start();
     else
@@ -250,16 +267,27 @@ void MachinePort::setWatching(bool on)
 
 void MachinePort::watchPorts()
 {
-    QSet<QString> now;
-    for (const QSerialPortInfo& info : QSerialPortInfo::availablePorts())
-        now.insert(info.systemLocation());
+    const QStringList listed = m_listPorts();
+    const QSet<QString> now(listed.begin(), listed.end());
     if (m_port.isOpen() && m_knownPorts.contains(m_portName) && !now.contains(m_portName))
         closePort();
-    for (const QString& location : now) {
+    for (const QString& location : listed) {
         if (m_knownPorts.contains(location))
             continue;
+        m_knownPorts.insert(location);
         m_link.logLine("Arduino detected");
-        if (!m_port.isOpen() && !m_state->recherche_en_cours) {
+        if (m_state->recherche_en_cours)
+            continue;  // the scan keeps to its own list
+        // A device plugged in while a roll is being cut must not take the link away from
+        // the job: it is only announced.
+        if (m_port.isOpen() && m_link.jobRunning())
+            continue;
+        // The arrived port goes into the field, and a changed field reopens on it (the open port
+        // closes first); then, should no port be open, the arrived one opens.
+        const QString field = QString::fromStdString(m_state->settings.AdressePort);
+        if (systemLocation(systemName(field)) != location)
+            portFieldChanged(location);
+        if (!m_port.isOpen()) {
             m_state->settings.AdressePort = location.toStdString();
             openPort(location);
         }

@@ -15,6 +15,8 @@
 #include <QStringList>
 #include <QTimer>
 
+#include <functional>
+
 #include "machine/grbl_link.h"
 
 namespace veltrin {
@@ -47,6 +49,9 @@ public:
     void scanPorts();
     // Follows ports appearing and disappearing, about once a second.
     void setWatching(bool on);
+    // The ports that the scan tries and the watcher follows, by system location; by default
+    // those that QSerialPortInfo lists (pseudo-terminals are not listed: a test gives its own).
+    void setPortLister(std::function<QStringList()> lister) { m_listPorts = std::move(lister); }
 
     // Punch: envoi_programme at the port's clock.
     bool punch(JobProgram program);
@@ -71,6 +76,7 @@ private:
     void parametres_port();
     bool openOnly(const QString& field);
     static QString systemName(const QString& field);
+    static QString systemLocation(const QString& name);
 
     AppState* m_state;
     GrblLink m_link;
@@ -80,6 +86,7 @@ private:
     QTimer m_watch;
     QElapsedTimer m_clock;
     QSet<QString> m_knownPorts;
+    std::function<QStringList()> m_listPorts;
 
     // Port scan state.
     QStringList m_scanCandidates;

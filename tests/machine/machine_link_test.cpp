@@ -126,6 +126,24 @@ CliRun runCli(const QStringList& arguments, const QString& configDir, const QByt
     return run;
 }
 
+// A pseudo-terminal whose other end is held and never answers.
+struct SilentPty {
+    SilentPty() : master(posix_openpt(O_RDWR | O_NOCTTY))
+    {
+        if (master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0)
+            path = QString::fromLocal8Bit(ptsname(master));
+    }
+    ~SilentPty()
+    {
+        if (master >= 0)
+            close(master);
+    }
+    SilentPty(const SilentPty&) = delete;
+    SilentPty& operator=(const SilentPty&) = delete;
+    int master;
+    QString path;
+};
+
 class MachineLinkTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -137,6 +155,9 @@ protected:
         remplir_glossaire(state.Liste_commentaires_grbl);
         QObject::connect(port.get(), &MachinePort::jobEnded, [this](JobOutcome o) { outcomes.push_back(o); });
         QObject::connect(port.get(), &MachinePort::detectionFinished, [this](bool found) { detections.push_back(found); });
+        QObject::connect(port.get(), &MachinePort::scanFinished, [this](bool found) { scans.push_back(found); });
+        // Pseudo-terminals are not in the system's list of ports: the scan and the watcher get this one.
+        port->setPortLister([this] { return listed; });
     }
 
     // Starts the emulator with these options, a record file, speed 0 and a short boot unless given.
@@ -173,6 +194,14 @@ protected:
         port->carryOut();
     }
     bool logHas(const std::string& text) const { return state.user_msg_list.text().find(text) != std::string::npos; }
+    int logCount(const std::string& text) const
+    {
+        const std::string log = state.user_msg_list.text();
+        int count = 0;
+        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + text.size()))
+            ++count;
+        return count;
+    }
 
     QTemporaryDir dir;
     AppState state;
@@ -180,6 +209,8 @@ protected:
     std::unique_ptr<EmulatorProcess> emulator;
     std::vector<JobOutcome> outcomes;
     std::vector<bool> detections;
+    std::vector<bool> scans;
+    QStringList listed;
 };
 
 TEST_F(MachineLinkTest, DetectsGrblByItsWelcomeTextThroughASymlink)
@@ -204,21 +235,92 @@ TEST_F(MachineLinkTest, DetectsASlowBoardAfterTheSecondWait)
 
 TEST_F(MachineLinkTest, SilentPortSaysNoGrblOnThisBoard)
 {
-    const int master = posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_GE(master, 0);
-    ASSERT_EQ(grantpt(master), 0);
-    ASSERT_EQ(unlockpt(master), 0);
-    ASSERT_TRUE(port->openPort(QString::fromLocal8Bit(ptsname(master))));
+    const SilentPty silent;
+    ASSERT_FALSE(silent.path.isEmpty());
+    ASSERT_TRUE(port->openPort(silent.path));
     ASSERT_TRUE(waitUntil([this] { return !detections.empty(); }, 8000));
     EXPECT_FALSE(detections.back());
     EXPECT_TRUE(logHas("No Grbl on this board\r\n"));
     EXPECT_TRUE(state.connecte);
     EXPECT_FALSE(state.ouvre_midi_actif);
     char buffer[16] = {};
-    const ssize_t got = read(master, buffer, sizeof buffer);
+    const ssize_t got = read(silent.master, buffer, sizeof buffer);
     EXPECT_EQ(std::string(buffer, got > 0 ? static_cast<std::size_t>(got) : 0), "\r");
     port->closePort();
-    close(master);
+}
+
+TEST_F(MachineLinkTest, ScanPassesOverPortsThatDoNotOpenOrDoNotAnswerToTheOneWithGrbl)
+{
+    const SilentPty silent;
+    ASSERT_FALSE(silent.path.isEmpty());
+    startEmulator({});
+    listed = {dir.filePath("no-such-port"), silent.path, emulator->portPath()};
+    port->scanPorts();
+    ASSERT_TRUE(waitUntil([this] { return !scans.empty(); }, 12000));
+    EXPECT_EQ(scans, std::vector<bool>{true});
+    EXPECT_EQ(detections, (std::vector<bool>{false, true})) << "the silent port was probed first";
+    EXPECT_EQ(port->portName().toStdString(), emulator->portPath().toStdString());
+    EXPECT_EQ(state.settings.AdressePort, emulator->portPath().toStdString());
+    EXPECT_TRUE(port->isOpen());
+    EXPECT_TRUE(state.connecte);
+    EXPECT_TRUE(state.ouvre_midi_actif);
+    EXPECT_FALSE(state.recherche_en_cours);
+    EXPECT_FALSE(logHas("No Grbl")) << "a probe that finds nothing says nothing";
+}
+
+TEST_F(MachineLinkTest, ScanWithoutGrblKeepsTheFirstPortThatOpened)
+{
+    const SilentPty first, second;
+    ASSERT_FALSE(first.path.isEmpty() || second.path.isEmpty());
+    listed = {dir.filePath("no-such-port"), first.path, second.path};
+    port->scanPorts();
+    ASSERT_TRUE(waitUntil([this] { return !scans.empty(); }, 25000));
+    EXPECT_EQ(scans, std::vector<bool>{false});
+    EXPECT_EQ(detections, (std::vector<bool>{false, false, false})) << "two probes, then the kept port's detection";
+    EXPECT_EQ(port->portName().toStdString(), first.path.toStdString());
+    EXPECT_EQ(state.settings.AdressePort, first.path.toStdString());
+    EXPECT_TRUE(port->isOpen());
+    EXPECT_TRUE(state.connecte);
+    EXPECT_FALSE(state.ouvre_midi_actif);
+    EXPECT_FALSE(state.recherche_en_cours);
+    EXPECT_EQ(logCount("No Grbl on this board\r\n"), 1);
+}
+
+TEST_F(MachineLinkTest, WatcherFollowsPortsThatComeAndGo)
+{
+    startEmulator({});
+    EmulatorProcess other({"--speed", "0", "--boot-ms", "100"});
+    ASSERT_TRUE(other.start()) << other.errorText().toStdString();
+    const QString first = emulator->portPath(), second = other.portPath();
+    ASSERT_TRUE(first.startsWith("/dev/"));
+    // Opened by its name under /dev, as one types ttyUSB0: the open port is still found in the list.
+    listed = {first};
+    connect(first.mid(5));
+    port->setWatching(true);
+
+    listed = {};
+    ASSERT_TRUE(waitUntil([this] { return !port->isOpen(); }, 5000)) << "the open port went away";
+    EXPECT_FALSE(state.connecte);
+
+    listed = {first};
+    ASSERT_TRUE(waitUntil([this] { return detections.size() == 2; }, 5000));
+    EXPECT_TRUE(detections.back());
+    EXPECT_EQ(logCount("Arduino detected\r\n"), 1);
+    EXPECT_EQ(port->portName().toStdString(), first.toStdString());
+    EXPECT_EQ(state.settings.AdressePort, first.toStdString());
+
+    // Another board arrives: into the port field, whose change moves the link to it.
+    listed = {first, second};
+    ASSERT_TRUE(waitUntil([this] { return detections.size() == 3; }, 5000));
+    EXPECT_TRUE(detections.back());
+    EXPECT_EQ(logCount("Arduino detected\r\n"), 2);
+    EXPECT_EQ(port->portName().toStdString(), second.toStdString());
+    EXPECT_EQ(state.settings.AdressePort, second.toStdString());
+
+    listed = {first};
+    ASSERT_TRUE(waitUntil([this] { return !port->isOpen(); }, 5000));
+    EXPECT_FALSE(state.connecte);
+    port->setWatching(false);
 }
 
 TEST_F(MachineLinkTest, CliStreamSendsALongJobWholeAndInOrder)
@@ -251,7 +353,15 @@ TEST_F(MachineLinkTest, PauseResumeAndStopInTheMiddle)
     click(&GrblLink::Pause_button_Click);
     ASSERT_TRUE(waitUntil([this] { return logHas("Hit Continue to resume"); }, 10000));
     const std::size_t paused = job.progress();
-    waitUntil([] { return false; }, 400);
+    // A board plugged in during the job is announced, but the link stays with the job.
+    EmulatorProcess other({"--speed", "0", "--boot-ms", "100"});
+    ASSERT_TRUE(other.start()) << other.errorText().toStdString();
+    listed = {emulator->portPath()};
+    port->setWatching(true);
+    listed = {emulator->portPath(), other.portPath()};
+    ASSERT_TRUE(waitUntil([this] { return logHas("Arduino detected"); }, 5000));
+    port->setWatching(false);
+    EXPECT_EQ(port->portName().toStdString(), emulator->portPath().toStdString());
     EXPECT_EQ(job.progress(), paused);
 
     click(&GrblLink::Pause_button_Click);
