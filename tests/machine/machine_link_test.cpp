@@ -255,7 +255,9 @@ TEST_F(MachineLinkTest, ScanPassesOverPortsThatDoNotOpenOrDoNotAnswerToTheOneWit
     ASSERT_FALSE(silent.path.isEmpty());
     startEmulator({});
     listed = {dir.filePath("no-such-port"), silent.path, emulator->portPath()};
-    port->scanPorts();
+    // At start-up the stored port does not open, so the scan takes over.
+    state.settings.AdressePort = dir.filePath("unplugged").toStdString();
+    port->openAtStartup();
     ASSERT_TRUE(waitUntil([this] { return !scans.empty(); }, 12000));
     EXPECT_EQ(scans, std::vector<bool>{true});
     EXPECT_EQ(detections, (std::vector<bool>{false, true})) << "the silent port was probed first";
