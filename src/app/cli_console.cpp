@@ -25,10 +25,7 @@ struct ConsoleArgs {
 
 int runConsole(const ConsoleArgs& args)
 {
-    int argc = 1;
-    char name[] = "veltrin-cli";
-    char* argv[] = {name, nullptr};
-    QCoreApplication application(argc, argv);
+    const CliApplication application;
 
     AppState state;
     std::unique_ptr<QtSettingsStore> stored;
@@ -47,8 +44,8 @@ int runConsole(const ConsoleArgs& args)
         if (inputEnded && !port.link().commandPending())
             QCoreApplication::exit(0);
     };
-    QObject::connect(&port, &MachinePort::commandFinished, &application, [&] { finishIfDone(); });
-    const auto watchPort = QObject::connect(&port, &MachinePort::stateChanged, &application, [&] {
+    QObject::connect(&port, &MachinePort::commandFinished, QCoreApplication::instance(), [&] { finishIfDone(); });
+    const auto watchPort = QObject::connect(&port, &MachinePort::stateChanged, QCoreApplication::instance(), [&] {
         if (!port.isOpen()) {
             failed = true;
             QCoreApplication::exit(0);
@@ -59,7 +56,7 @@ int runConsole(const ConsoleArgs& args)
     // port) never waits on the keyboard.
     std::string pending;
     QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
-    QObject::connect(&input, &QSocketNotifier::activated, &application, [&] {
+    QObject::connect(&input, &QSocketNotifier::activated, QCoreApplication::instance(), [&] {
         char buffer[4096];
         const ssize_t got = ::read(STDIN_FILENO, buffer, sizeof buffer);
         if (got > 0) {

@@ -19,6 +19,18 @@
 
 namespace veltrin::cli {
 
+// The Qt application object of a command that needs an event loop (serial port, timers).
+class CliApplication {
+public:
+    CliApplication() : m_application(m_argc, m_argv) {}
+
+private:
+    int m_argc = 1;
+    char m_name[12] = "veltrin-cli";
+    char* m_argv[2] = {m_name, nullptr};
+    QCoreApplication m_application;
+};
+
 // Log text on stdout: the log's CR LF line ends become LF.
 inline void printLog(std::string_view text)
 {

@@ -100,10 +100,7 @@ int runStream(const StreamArgs& args)
         return kExitUsage;
     }
 
-    int argc = 1;
-    char name[] = "veltrin-cli";
-    char* argv[] = {name, nullptr};
-    QCoreApplication application(argc, argv);
+    const CliApplication application;
 
     AppState state;
     std::unique_ptr<QtSettingsStore> stored;
@@ -129,14 +126,14 @@ int runStream(const StreamArgs& args)
     const bool bar = isatty(STDERR_FILENO);
     JobOutcome outcome = JobOutcome::Cancelled;
     bool ended = false;
-    QObject::connect(&port, &MachinePort::jobEnded, &application, [&](JobOutcome o) {
+    QObject::connect(&port, &MachinePort::jobEnded, QCoreApplication::instance(), [&](JobOutcome o) {
         outcome = o;
         ended = true;
         // The fold question (if any) has been answered inside the end of the job.
-        QTimer::singleShot(0, &application, [] { QCoreApplication::exit(0); });
+        QTimer::singleShot(0, QCoreApplication::instance(), [] { QCoreApplication::exit(0); });
     });
     QTimer progress;
-    QObject::connect(&progress, &QTimer::timeout, &application, [&] {
+    QObject::connect(&progress, &QTimer::timeout, QCoreApplication::instance(), [&] {
         if (g_stopAsked.exchange(false)) {
             port.link().Stop_button_Click();
             port.carryOut();
