@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "app/numeric_text.h"
+#include "midi/event_line.h"
 
 namespace veltrin {
 
@@ -23,8 +24,6 @@ constexpr std::array<std::string_view, 7> kTextKeywords = {"TEXT", "AUTH", "TNAM
 constexpr int kChannels = 17;  // 1..16 used; index 0 kept so that channel numbers index directly
 constexpr int kNotes = 128;
 constexpr std::int64_t kDefaultTempo = 500000;  // microseconds per quarter note (120 BPM)
-// Times are clamped to this before rounding so that absurd tick counts cannot overflow.
-constexpr double kTimeLimit = 1e15;
 
 constexpr int kErrEof = 1;
 constexpr int kErrDeltaTime = 2;
@@ -64,16 +63,7 @@ std::string errorMessage(int code, std::size_t offset)
     }
 }
 
-// Round half to even, with non-finite and absurd values clamped first.
-long long roundMs(double value)
-{
-    if (!std::isfinite(value))
-        return 0;
-    return roundHalfEven(std::clamp(value, -kTimeLimit, kTimeLimit));
-}
-
-constexpr std::array<long long, 8> kPowersOfTen = {1, 10, 100, 1000, 10000, 100000, 1000000,
-                                                   10000000};
+using event_line::roundMs;
 
 // An event line being built on the stack: a keyword and fixed-width fields.
 class LineBuffer {
@@ -87,32 +77,26 @@ public:
         m_size += count;
     }
 
-    // One blank and the field: the same text as fixedWidth(value, width), i.e. value +
-    // 10^width without its first character.
+    // One blank and the field: the same text as fixedWidth(value, width).
     void field(long long value, int width)
     {
-        if (m_data.size() - m_size < 32)
+        if (m_data.size() - m_size < event_line::kFieldRoom)
             return;  // never reached by the lines made here, which are short
-        m_data[m_size++] = ' ';
-        const long long power = kPowersOfTen[static_cast<std::size_t>(width)];
-        if (value >= 0 && value < 9 * power) {
-            // value + 10^width has width + 1 digits: the last width are value, zero-padded.
-            for (int i = width - 1; i >= 0; --i) {
-                m_data[m_size + static_cast<std::size_t>(i)] = static_cast<char>('0' + value % 10);
-                value /= 10;
-            }
-            m_size += static_cast<std::size_t>(width);
-            return;
-        }
-        std::array<char, 24> digits{};
-        const auto [end, ec] =
-            std::to_chars(digits.data(), digits.data() + digits.size(), value + power);
-        (void)ec;
-        const char* const first = digits.data() + 1;
-        append(std::string_view(first, static_cast<std::size_t>(end - first)));
+        char* const end = event_line::writeField(m_data.data() + m_size, value, width);
+        m_size = static_cast<std::size_t>(end - m_data.data());
+    }
+
+    // The name of a note 0-127 and its octave, note / 12 - 2 written without its sign, so
+    // notes 0-11 give octave "2" and 12-23 give "1" (middle C, 60, is "C3").
+    void noteName(int note)
+    {
+        append(kNoteNames[static_cast<std::size_t>(note % 12)]);
+        const char octave = static_cast<char>('0' + std::abs(note / 12 - 2));
+        append(std::string_view(&octave, 1));
     }
 
     std::string str() const { return std::string(m_data.data(), m_size); }
+    void addTo(std::vector<std::string>& lines) const { lines.emplace_back(m_data.data(), m_size); }
 
 private:
     // Room for a keyword, six fields of any value and a note name.
@@ -126,21 +110,6 @@ void appendField(std::string& line, long long value, int width)
     LineBuffer field("");
     field.field(value, width);
     line += field.str();
-}
-
-// Note name and octave for notes 0-127: note / 12 - 2 written without its sign, so notes
-// 0-11 give octave "2" and 12-23 give "1" (middle C, 60, is "C3").
-const std::array<std::string, kNotes>& noteNames()
-{
-    static const std::array<std::string, kNotes> names = [] {
-        std::array<std::string, kNotes> table;
-        for (int note = 0; note < kNotes; ++note)
-            table[static_cast<std::size_t>(note)] =
-                std::string(kNoteNames[static_cast<std::size_t>(note % 12)]) +
-                std::to_string(std::abs(note / 12 - 2));
-        return table;
-    }();
-    return names;
 }
 
 struct TempoEntry {
@@ -368,14 +337,14 @@ void Decoder::writeNote(int channel, int note, std::int64_t endTick)
     line.field(endMs - startMs, 5);
     line.field(roundMs(slot.velocity), 5);
     line.append(" ");
-    line.append(noteNames()[static_cast<std::size_t>(note)]);
-    m_out.lines.push_back(line.str());
+    line.noteName(note);
+    line.addTo(m_out.lines);
 
     LineBuffer noteOff("NOOF");
     noteOff.field(endMs, 7);
     noteOff.field(endTick, 6);
     noteOff.field(channel, 5);
-    m_out.lines.push_back(noteOff.str());
+    noteOff.addTo(m_out.lines);
 
     if (static_cast<float>(endMs) > m_latestEndMs)
         m_latestEndMs = static_cast<float>(endMs);
@@ -450,7 +419,7 @@ bool Decoder::channelEvent(std::uint8_t status, bool running, std::uint8_t first
         LineBuffer line = eventLine("KAFT");
         line.field(channel, 5);
         line.field(data1, 5);
-        m_out.lines.push_back(line.str());
+        line.addTo(m_out.lines);
         return true;
     }
     case 0xB0: {
@@ -458,7 +427,7 @@ bool Decoder::channelEvent(std::uint8_t status, bool running, std::uint8_t first
         line.field(channel, 5);
         line.field(data1, 5);
         line.field(data2, 5);
-        m_out.lines.push_back(line.str());
+        line.addTo(m_out.lines);
         if (m_options.sustain && data1 == 64) {
             if (data2 >= 64) {
                 m_pedalDown[channel] = true;
@@ -474,14 +443,14 @@ bool Decoder::channelEvent(std::uint8_t status, bool running, std::uint8_t first
         LineBuffer line = eventLine(kind == 0xC0 ? "PRGC" : "CAFT");
         line.field(channel, 5);
         line.field(data1, 5);
-        m_out.lines.push_back(line.str());
+        line.addTo(m_out.lines);
         return true;
     }
     default: {  // 0xE0
         LineBuffer line = eventLine("PBEN");
         line.field(channel, 5);
         line.field(data1 + 128 * data2, 5);
-        m_out.lines.push_back(line.str());
+        line.addTo(m_out.lines);
         return true;
     }
     }
@@ -513,7 +482,7 @@ bool Decoder::metaEvent(bool& endOfTrack)
     case 0x00: {
         LineBuffer line = eventLine("SEQN");
         line.field(length >= 2 ? byteAt(0) * 256 + byteAt(1) : byteAt(0), 5);
-        m_out.lines.push_back(line.str());
+        line.addTo(m_out.lines);
         return true;
     }
     case 0x2F:
@@ -529,7 +498,7 @@ bool Decoder::metaEvent(bool& endOfTrack)
         const std::int64_t tempo = (byteAt(0) << 16) | (byteAt(1) << 8) | byteAt(2);
         LineBuffer line = eventLine("TEMP");
         line.field(tempo, 7);
-        m_out.lines.push_back(line.str());
+        line.addTo(m_out.lines);
         if (m_options.forcedTempoBpm <= 0)
             appendTempo(m_tick, tempo);
         return true;
@@ -538,7 +507,7 @@ bool Decoder::metaEvent(bool& endOfTrack)
         LineBuffer line = eventLine("SMPT");
         for (std::uint32_t i = 0; i < 5; ++i)
             line.field(byteAt(i), 5);
-        m_out.lines.push_back(line.str());
+        line.addTo(m_out.lines);
         return true;
     }
     case 0x58: {
@@ -551,7 +520,7 @@ bool Decoder::metaEvent(bool& endOfTrack)
         line.field(m_denominator, 5);
         line.field(byteAt(2), 5);
         line.field(byteAt(3), 5);
-        m_out.lines.push_back(line.str());
+        line.addTo(m_out.lines);
         return true;
     }
     case 0x59: {
@@ -560,7 +529,7 @@ bool Decoder::metaEvent(bool& endOfTrack)
         LineBuffer line = eventLine("KEYS");
         line.field(byteAt(0), 5);
         line.field(byteAt(1), 5);
-        m_out.lines.push_back(line.str());
+        line.addTo(m_out.lines);
         return true;
     }
     default:
@@ -629,7 +598,7 @@ bool Decoder::decodeTrack()
                 return failEof();
             LineBuffer line = eventLine(status == 0xF1 ? "MQTR" : "SNGS");
             line.field(data, 5);
-            m_out.lines.push_back(line.str());
+            line.addTo(m_out.lines);
             break;
         }
         case 0xF2: {
@@ -639,7 +608,7 @@ bool Decoder::decodeTrack()
                 return failEof();
             LineBuffer line = eventLine("SNGP");
             line.field(low + 128 * high, 5);
-            m_out.lines.push_back(line.str());
+            line.addTo(m_out.lines);
             break;
         }
         default: {

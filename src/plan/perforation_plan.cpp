@@ -2,10 +2,16 @@
 // pieces and the track positions.
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <utility>
 
 #include "app/numeric_text.h"
+#include "midi/event_line.h"
 #include "plan/plan_steps.h"
 
 namespace veltrin {
@@ -22,8 +28,15 @@ std::string_view mid(std::string_view line, std::size_t pos, std::size_t length)
 
 std::int32_t roundedMs(double ms)
 {
-    // Piece times are written with the pattern "0000000": rounded half away from zero.
-    return static_cast<std::int32_t>(std::round(ms));
+    // Piece times are written with the pattern "0000000": rounded half away from zero. The
+    // part after the point of a time is exact, so this is std::round without the call.
+    const auto whole = static_cast<long long>(ms);  // toward zero
+    const double part = ms - static_cast<double>(whole);
+    if (part >= 0.5)
+        return static_cast<std::int32_t>(whole + 1);
+    if (part <= -0.5)
+        return static_cast<std::int32_t>(whole - 1);
+    return static_cast<std::int32_t>(whole);
 }
 
 // leadingNumber of a field of a note line, whose fields are plain digits but for lines
@@ -74,6 +87,180 @@ void sortLines(std::vector<std::string>& lines)
     lines = std::move(sorted);
 }
 
+// The value of the count characters at text when they are all digits, else -1.
+long long digitsValue(const char* text, int count)
+{
+    long long value = 0;
+    for (int i = 0; i < count; ++i) {
+        const unsigned digit = static_cast<unsigned char>(text[i]) - unsigned{'0'};
+        if (digit > 9)
+            return -1;
+        value = value * 10 + digit;
+    }
+    return value;
+}
+
+// The pairing as numbers: each note line "SSSSSSS NNN EEEEEEE" as S << 34 | N << 24 | E,
+// each playback line "TTTTTTT NNN NOTE" / "TTTTTTT NNN NOOF" as T << 11 | N << 1 | (1 for
+// NOTE, 0 for NOOF, which sorts first). Times (7 digits) take 24 bits and note numbers
+// (3 digits) 10, so the order of the numbers is the text order of the lines, and equal
+// numbers are equal lines. This holds when every NOTE and NOOF line has the decoder's
+// layout (digits in the time and note columns, a blank after the time) and every NOOF
+// closes an open note; false otherwise, and the lines are then made as text.
+bool pairAsNumbers(const std::vector<std::string>& Liste_tran, std::vector<std::uint64_t>& noteKeys,
+                   std::vector<std::uint64_t>& playKeys)
+{
+    long long pendingStart = -1;  // start of the note opened last and not yet closed
+    long long note = -1;          // its number
+    for (const std::string& line : Liste_tran) {
+        if (line.size() < 4)
+            continue;
+        const bool isNote = std::memcmp(line.data(), "NOTE", 4) == 0;
+        if (!isNote && std::memcmp(line.data(), "NOOF", 4) != 0)
+            continue;
+        if (line.size() < 13 || line[12] != ' ')
+            return false;
+        const long long time = digitsValue(line.data() + 5, 7);
+        if (time < 0)
+            return false;
+        if (isNote) {
+            note = line.size() < 31 ? -1 : digitsValue(line.data() + 28, 3);
+            if (note < 0)
+                return false;
+            pendingStart = time;
+        } else {
+            if (pendingStart < 0)
+                return false;
+            noteKeys.push_back(static_cast<std::uint64_t>(pendingStart) << 34 |
+                               static_cast<std::uint64_t>(note) << 24 |
+                               static_cast<std::uint64_t>(time));
+            pendingStart = -1;
+        }
+        playKeys.push_back(static_cast<std::uint64_t>(time) << 11 |
+                           static_cast<std::uint64_t>(note) << 1 | (isNote ? 1U : 0U));
+    }
+    return true;
+}
+
+// The pairing as text, for event lines of any content.
+void pairAsText(const std::vector<std::string>& Liste_tran, std::vector<std::string>& notes,
+                std::vector<std::string>& playLines)
+{
+    std::string pending;
+    std::string_view lastNote;  // note number of the last NOTE line, for the NOOF playback line
+    auto playLine = [&](std::string_view line, std::string_view what) {
+        std::string& play = playLines.emplace_back();
+        play.reserve(16);
+        play.append(mid(line, 6, 8)).append(lastNote).append(what);
+    };
+    for (const std::string& line : Liste_tran) {
+        const std::string_view keyword = mid(line, 1, 4);
+        if (keyword == "NOTE") {
+            lastNote = mid(line, 29, 3);
+            pending.assign(mid(line, 6, 7)).append(" ").append(lastNote);
+            playLine(line, " NOTE");
+        } else if (keyword == "NOOF") {
+            // Positional on purpose: a NOOF closes whatever note was opened last.
+            std::string& note = notes.emplace_back();
+            note.reserve(19);
+            note.append(pending).append(" ").append(mid(line, 6, 7));
+            pending.clear();
+            playLine(line, " NOOF");
+        }
+    }
+    sortLines(notes);
+    sortLines(playLines);
+}
+
+// Sorts numbers in ascending order: a radix sort, 11 bits a pass from the lowest, that
+// skips the bits every number shares; for plan-sized lists it beats comparison sorting.
+void sortNumbers(std::vector<std::uint64_t>& numbers)
+{
+    if (numbers.size() < 512) {
+        std::sort(numbers.begin(), numbers.end());
+        return;
+    }
+    std::uint64_t someSet = 0;
+    std::uint64_t allSet = ~std::uint64_t{0};
+    for (const std::uint64_t number : numbers) {
+        someSet |= number;
+        allSet &= number;
+    }
+    const std::uint64_t varying = someSet ^ allSet;
+    constexpr int kDigitBits = 11;
+    constexpr std::uint64_t kDigitMask = (std::uint64_t{1} << kDigitBits) - 1;
+    std::vector<std::uint64_t> sorted(numbers.size());
+    std::vector<std::uint32_t> position(kDigitMask + 1);
+    for (int shift = 0; shift < 64 && (varying >> shift) != 0; shift += kDigitBits) {
+        if ((varying >> shift & kDigitMask) == 0)
+            continue;
+        std::fill(position.begin(), position.end(), 0U);
+        for (const std::uint64_t number : numbers)
+            ++position[number >> shift & kDigitMask];
+        std::uint32_t before = 0;
+        for (std::uint32_t& slot : position)
+            before += std::exchange(slot, before);
+        for (const std::uint64_t number : numbers)
+            sorted[position[number >> shift & kDigitMask]++] = number;
+        numbers.swap(sorted);
+    }
+}
+
+// Sorts the pieces of the split (flags all false) into plan order. Between pieces of one
+// start and track the order of the ends is the order of the lengths, so each piece is
+// packed as the offsets of its start, track and length from their smallest values, side by
+// side in one 64-bit number when they fit: the numbers sort in plan order, and the pieces
+// are made again from them.
+void sortPieces(std::vector<Piece>& pieces)
+{
+    if (pieces.empty())
+        return;
+    struct Range {
+        std::int64_t low;
+        std::int64_t high;
+        void add(std::int64_t value)
+        {
+            low = std::min(low, value);
+            high = std::max(high, value);
+        }
+        int bits() const { return static_cast<int>(std::bit_width(static_cast<std::uint64_t>(high - low))); }
+    };
+    const auto length = [](const Piece& piece) { return std::int64_t{piece.endMs} - piece.startMs; };
+    Range starts{pieces.front().startMs, pieces.front().startMs};
+    Range tracks{pieces.front().track, pieces.front().track};
+    Range lengths{length(pieces.front()), length(pieces.front())};
+    for (const Piece& piece : pieces) {
+        starts.add(piece.startMs);
+        tracks.add(piece.track);
+        lengths.add(length(piece));
+    }
+    const int lengthBits = lengths.bits();
+    const int startShift = tracks.bits() + lengthBits;
+    if (starts.bits() + startShift >= 64) {
+        std::sort(pieces.begin(), pieces.end(), planOrder);
+        return;
+    }
+    std::vector<std::uint64_t> keys;
+    keys.reserve(pieces.size());
+    for (const Piece& piece : pieces)
+        keys.push_back(static_cast<std::uint64_t>(piece.startMs - starts.low) << startShift |
+                       static_cast<std::uint64_t>(piece.track - tracks.low) << lengthBits |
+                       static_cast<std::uint64_t>(length(piece) - lengths.low));
+    sortNumbers(keys);
+    const std::uint64_t trackMask = (std::uint64_t{1} << (startShift - lengthBits)) - 1;
+    const std::uint64_t lengthMask = (std::uint64_t{1} << lengthBits) - 1;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        const std::uint64_t key = keys[i];
+        const std::int64_t start = starts.low + static_cast<std::int64_t>(key >> startShift);
+        pieces[i] = Piece{static_cast<std::int32_t>(start),
+                          static_cast<std::int32_t>(tracks.low +
+                                                    static_cast<std::int64_t>(key >> lengthBits & trackMask)),
+                          static_cast<std::int32_t>(start + lengths.low +
+                                                    static_cast<std::int64_t>(key & lengthMask)),
+                          false};
+    }
+}
+
 }  // namespace
 
 std::string pieceLine(const Piece& piece)
@@ -119,33 +306,38 @@ std::vector<std::string> pairNotes(const std::vector<std::string>& Liste_tran,
                                    std::vector<std::string>& playLines)
 {
     std::vector<std::string> notes;
-    notes.reserve(Liste_tran.size() / 2);
     playLines.clear();
-    playLines.reserve(Liste_tran.size());
-    std::string pending;
-    std::string_view lastNote;  // note number of the last NOTE line, for the NOOF playback line
-    auto playLine = [&](std::string_view line, std::string_view what) {
-        std::string& play = playLines.emplace_back();
-        play.reserve(16);
-        play.append(mid(line, 6, 8)).append(lastNote).append(what);
-    };
-    for (const std::string& line : Liste_tran) {
-        const std::string_view keyword = mid(line, 1, 4);
-        if (keyword == "NOTE") {
-            lastNote = mid(line, 29, 3);
-            pending.assign(mid(line, 6, 7)).append(" ").append(lastNote);
-            playLine(line, " NOTE");
-        } else if (keyword == "NOOF") {
-            // Positional on purpose: a NOOF closes whatever note was opened last.
-            std::string& note = notes.emplace_back();
-            note.reserve(19);
-            note.append(pending).append(" ").append(mid(line, 6, 7));
-            pending.clear();
-            playLine(line, " NOOF");
-        }
+    std::vector<std::uint64_t> noteKeys;
+    std::vector<std::uint64_t> playKeys;
+    noteKeys.reserve(Liste_tran.size() / 2);
+    playKeys.reserve(Liste_tran.size());
+    if (!pairAsNumbers(Liste_tran, noteKeys, playKeys)) {
+        notes.reserve(Liste_tran.size() / 2);
+        playLines.reserve(Liste_tran.size());
+        pairAsText(Liste_tran, notes, playLines);
+        return notes;
     }
-    sortLines(notes);
-    sortLines(playLines);
+    // The lines of a decoded song: sorted as numbers, then written out.
+    notes.reserve(noteKeys.size());
+    playLines.reserve(playKeys.size());
+    sortNumbers(noteKeys);
+    sortNumbers(playKeys);
+    constexpr std::uint64_t kTimeMask = (1U << 24) - 1;
+    constexpr std::uint64_t kNoteMask = (1U << 10) - 1;
+    char text[] = "0000000 000 0000000";
+    for (const std::uint64_t key : noteKeys) {
+        event_line::writeDigits(text + 7, static_cast<std::uint32_t>(key >> 34), 7);
+        event_line::writeDigits(text + 11, static_cast<std::uint32_t>(key >> 24 & kNoteMask), 3);
+        event_line::writeDigits(text + 19, static_cast<std::uint32_t>(key & kTimeMask), 7);
+        notes.emplace_back(text, sizeof text - 1);
+    }
+    char play[] = "0000000 000 NOTE";
+    for (const std::uint64_t key : playKeys) {
+        event_line::writeDigits(play + 7, static_cast<std::uint32_t>(key >> 11), 7);
+        event_line::writeDigits(play + 11, static_cast<std::uint32_t>(key >> 1 & kNoteMask), 3);
+        std::memcpy(play + 12, key % 2 != 0 ? "NOTE" : "NOOF", 4);
+        playLines.emplace_back(play, sizeof play - 1);
+    }
     return notes;
 }
 
@@ -167,23 +359,43 @@ SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fracti
     const int searched = std::clamp(scale.nb_notes, 0, tableSize);
     result.pieces.reserve(noteLines.size());
 
-    for (const std::string& line : noteLines) {
-        // 2. The note line's fields.
-        double start = fieldNumber(mid(line, 1, 7));
-        const double end = fieldNumber(mid(line, 13, 7));
-        const double duree = end - start;
-        const double note = fieldNumber(mid(line, 9, 3));
+    // The track of each note number 0-999 (-1 for none): the first table entry that
+    // plays it.
+    const auto tableNote = [&](int i) -> int {
+        return af ? scale.notes_AF[static_cast<std::size_t>(i)]
+                  : scale.notes_standard[static_cast<std::size_t>(i)];
+    };
+    std::array<std::int16_t, 1000> trackOfNote;
+    trackOfNote.fill(-1);
+    for (int i = searched - 1; i >= 0; --i)
+        if (tableNote(i) >= 0 && tableNote(i) < 1000)
+            trackOfNote[static_cast<std::size_t>(tableNote(i))] = static_cast<std::int16_t>(i);
 
-        // 3. Its track: the first table entry that plays this note.
+    for (const std::string& line : noteLines) {
+        // 2. The note line's fields: plain digits in the lines pairNotes makes.
+        const long long startDigits = line.size() < 19 ? -1 : digitsValue(line.data(), 7);
+        const long long noteDigits = startDigits < 0 ? -1 : digitsValue(line.data() + 8, 3);
+        const long long endDigits = noteDigits < 0 ? -1 : digitsValue(line.data() + 12, 7);
+        double start = 0.0;
+        double end = 0.0;
         int piste = -1;
-        for (int i = 0; i < searched; ++i) {
-            const double tableNote = af ? scale.notes_AF[static_cast<std::size_t>(i)]
-                                        : scale.notes_standard[static_cast<std::size_t>(i)];
-            if (tableNote == note) {
-                piste = i;
-                break;
+        if (endDigits >= 0) {
+            start = static_cast<double>(startDigits);
+            end = static_cast<double>(endDigits);
+            piste = trackOfNote[static_cast<std::size_t>(noteDigits)];
+        } else {
+            start = fieldNumber(mid(line, 1, 7));
+            end = fieldNumber(mid(line, 13, 7));
+            const double note = fieldNumber(mid(line, 9, 3));
+            // 3. Its track: the first table entry that plays this note.
+            for (int i = 0; i < searched; ++i) {
+                if (tableNote(i) == note) {
+                    piste = i;
+                    break;
+                }
             }
         }
+        const double duree = end - start;
         if (piste < 0) {
             ++result.notes_hors_gamme;
             continue;
@@ -209,8 +421,7 @@ SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fracti
             add(start, end);
         }
     }
-    std::sort(result.pieces.begin(), result.pieces.end(),
-              [](const Piece& a, const Piece& b) { return planOrder(a, b); });
+    sortPieces(result.pieces);
     return result;
 }
 

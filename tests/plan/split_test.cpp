@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <random>
+#include <string>
 
 #include "plan/plan_steps.h"
 #include "plan_test_support.h"
@@ -28,6 +30,73 @@ TEST(PairNotes, EachNoofClosesTheNoteOpenedLast)
     const Lines odd = testing::songEvents({{100, 300, 60}, {200, 400, 62}, {500, 600, 64}});
     EXPECT_EQ(pairNotes({odd[1], odd[3], odd[4], odd[6]}, play), (Lines{" 0000600", "0000200 062 0000400"}));
     EXPECT_EQ(play, (Lines{"0000100 060 NOTE", "0000200 062 NOTE", "0000400 062 NOOF", "0000600 062 NOOF"}));
+}
+
+// The pairing rule worked on the text, for any event lines: the order of a sorted text list.
+Lines pairedAsText(const Lines& events, Lines& play)
+{
+    const auto mid = [](const std::string& line, std::size_t pos, std::size_t length) {
+        return pos - 1 < line.size() ? line.substr(pos - 1, length) : std::string();
+    };
+    Lines notes;
+    play.clear();
+    std::string pending, lastNote;
+    for (const std::string& line : events) {
+        const std::string keyword = mid(line, 1, 4);
+        if (keyword == "NOTE") {
+            lastNote = mid(line, 29, 3);
+            pending = mid(line, 6, 7) + " " + lastNote;
+        } else if (keyword == "NOOF") {
+            notes.push_back(pending + " " + mid(line, 6, 7));
+            pending.clear();
+        } else {
+            continue;
+        }
+        play.push_back(mid(line, 6, 8) + lastNote + " " + keyword);
+    }
+    std::sort(notes.begin(), notes.end());
+    std::sort(play.begin(), play.end());
+    return notes;
+}
+
+// Decoded songs are paired as numbers; any line out of the decoder's layout sends the whole
+// list through the text rule. Both must give the lines of the rule.
+TEST(PairNotes, DecodedAndOddLinesGiveTheLinesOfTheTextRule)
+{
+    std::mt19937 random(2024);
+    std::uniform_int_distribution<int> start(0, 400);
+    std::uniform_int_distribution<int> length(0, 300);
+    std::uniform_int_distribution<int> note(0, 127);
+    std::vector<testing::SongNote> song;
+    for (int i = 0; i < 3000; ++i) {
+        // Few distinct starts, so chords, equal notes and equal lines are common.
+        const long s = start(random) * 25L + (i % 7 == 0 ? 9980000 : 0);
+        song.push_back({s, s + length(random) / (i % 3 + 1), note(random)});
+    }
+    Lines events = testing::songEvents(song);
+    // After the 20th note's NOOF: a note number no MIDI note has.
+    events.insert(events.begin() + 41, {"NOTE 0000100 000960 00001 00999 00100 00100 C3",
+                                        "NOOF 0000200 000960 00001"});
+
+    const std::vector<Lines> odd{
+        {"NOOF 0000050 000960 00001"},                           // closes no note
+        {"NOTE 00001x0 000960 00001 00060 00100 00100 C3"},      // not a time
+        {"NOTE 0000100 000960 00001 00060"},                     // shorter note field
+        {"NOTE 0000100 000960 00001 0060"},                      // no note number
+        {"NOOF 0000300"},                                        // no blank after the time
+        {"NOTE 0000100 000960 00001 00060 00100 00100 C3", "NOTE 0000150 000960 00001 00061 00100 00100 C3",
+         "NOOF 0000400 000960 00001", "NOOF 0000500 000960 00001"},  // a note lost, a NOOF alone
+    };
+    for (std::size_t i = 0; i <= odd.size(); ++i) {
+        Lines input = events;
+        if (i < odd.size())
+            input.insert(input.begin() + static_cast<std::ptrdiff_t>(101 + 50 * i), odd[i].begin(),
+                         odd[i].end());
+        Lines play, expectedPlay;
+        const Lines expected = pairedAsText(input, expectedPlay);
+        ASSERT_EQ(pairNotes(input, play), expected) << "case " << i;
+        ASSERT_EQ(play, expectedPlay) << "case " << i;
+    }
 }
 
 class Split : public ::testing::Test {
@@ -92,6 +161,42 @@ TEST_F(Split, NotesOutOfTheScale)
     result = split({"0001000 064 0001100", "0002000 060 0002100"});
     EXPECT_EQ(result.pieces, (Pieces{{1000, 7, 1100}}));
     EXPECT_EQ(result.notes_hors_gamme, 1);
+}
+
+// Note lines as pairNotes writes them (digits) and with the same numbers written otherwise
+// (read by the leading-number rule) give the same pieces, in plan order.
+TEST_F(Split, EveryNumberTextGivesTheSamePiecesInPlanOrder)
+{
+    scale.nb_notes = 6;
+    scale.notes_standard = {60, 64, 62, 64, 67, 0};
+    std::mt19937 random(77);
+    std::uniform_int_distribution<int> start(0, 200);
+    std::uniform_int_distribution<int> length(1, 900);
+    std::uniform_int_distribution<int> note(59, 68);
+    Lines digits, blanks;
+    char text[32];
+    for (int i = 0; i < 2000; ++i) {
+        const int s = start(random) * 40;
+        const int e = s + length(random);
+        const int n = i % 10 ? note(random) : 0;
+        std::snprintf(text, sizeof text, "%07d %03d %07d", s, n, e);
+        digits.emplace_back(text);
+        std::snprintf(text, sizeof text, "%7d %3d %7d", s, n, e);  // leading blanks
+        blanks.emplace_back(text);
+    }
+    for (const char* machine : {"Laser", "Punch"}) {
+        settings.Type_machine = std::string(machine);
+        const SplitResult fromDigits = split(digits);
+        const SplitResult fromBlanks = split(blanks);
+        EXPECT_EQ(fromDigits.pieces, fromBlanks.pieces) << machine;
+        EXPECT_EQ(fromDigits.notes_hors_gamme, fromBlanks.notes_hors_gamme);
+        EXPECT_EQ(fromDigits.piste_courante, fromBlanks.piste_courante);
+        EXPECT_GT(fromDigits.notes_hors_gamme, 0);
+        // Long notes gave several pieces.
+        EXPECT_GT(fromDigits.pieces.size(),
+                  digits.size() - static_cast<std::size_t>(fromDigits.notes_hors_gamme));
+        EXPECT_TRUE(std::is_sorted(fromDigits.pieces.begin(), fromDigits.pieces.end(), planOrder));
+    }
 }
 
 // The punch shifts no bass track: 10 + 9 x piste below track 4, then 10 + 27 + 6 x (piste - 3).
