@@ -73,16 +73,6 @@ int runConvert(const ConvertArgs& args)
 {
     const StartupFolders folders = platformFolders();
 
-    if (!args.scale.empty() && !isBuiltInScale(args.scale)) {
-        const std::filesystem::path file =
-            instrumentsFolder(folders.documentsDir) + "/" + args.scale + ".txt";
-        if (!std::filesystem::is_regular_file(file)) {
-            std::fprintf(stderr, "veltrin-cli convert: unknown scale \"%s\" (no %s)\n",
-                         args.scale.c_str(), file.string().c_str());
-            return kExitUsage;
-        }
-    }
-
     // This run's settings: the stored ones (none with --defaults), then --set, then the
     // dedicated options. None of them is saved.
     std::vector<std::string> overrides = args.assignments;
@@ -108,6 +98,17 @@ int runConvert(const ConvertArgs& args)
                                                                   : "expected KEY=VALUE",
                      started.detail().c_str());
         return kExitUsage;
+    }
+    // The scale may come from --scale, --set Standard=... or the stored settings: a file
+    // scale whose file is not there would put every note out of the scale.
+    const std::string& scale = state.settings.Standard;
+    if (!isBuiltInScale(scale)) {
+        const std::filesystem::path file = instrumentsFolder(state.dossier_documents) + "/" + scale + ".txt";
+        if (!std::filesystem::is_regular_file(file)) {
+            std::fprintf(stderr, "veltrin-cli convert: unknown scale \"%s\" (no %s)\n",
+                         scale.c_str(), file.string().c_str());
+            return kExitUsage;
+        }
     }
     state.programPathOverride = args.out;
 

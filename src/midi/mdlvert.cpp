@@ -28,8 +28,8 @@ constexpr std::int64_t kDefaultTempo = 500000;  // microseconds per quarter note
 constexpr int kErrEof = 1;
 constexpr int kErrDeltaTime = 2;
 constexpr int kErrRunningStatus = 3;
-constexpr int kErrNoHeader = 5;
-constexpr int kErrNoTrack = 6;
+constexpr int kErrNoHeader = kDecodeNoHeaderChunk;
+constexpr int kErrNoTrack = kDecodeNoTrackChunk;
 
 std::string hexOffset(std::size_t offset)
 {

@@ -19,6 +19,10 @@ struct DecodeOptions {
     bool sustain = false;
 };
 
+// DecodeResult::errorCode of a file that holds no MIDI song at all.
+inline constexpr int kDecodeNoHeaderChunk = 5;
+inline constexpr int kDecodeNoTrackChunk = 6;
+
 struct DecodeResult {
     // Event lines in the order they were produced (track by track; a NOTE at its note's end).
     std::vector<std::string> lines;

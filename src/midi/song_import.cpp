@@ -93,6 +93,12 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
     report.decoderError = decoded.errorCode;
     report.decoderMessage = std::move(decoded.errorMessage);
     state.user_msg_list.append("Midi file de-assembling");
+    if (decoded.errorCode == kDecodeNoHeaderChunk || decoded.errorCode == kDecodeNoTrackChunk) {
+        // Not a MIDI song at all: there is nothing to cut, and the band width stays.
+        state.chemin_morceau.clear();
+        state.Liste_tran.clear();
+        return fail(ImportError::UnreadableSong, report.songPath + ": " + report.decoderMessage);
+    }
 
     // 4. Band width, then the program. A resumed job keeps its band width so the holes
     // come in the same order as in the interrupted program; it restarts at the first hole
@@ -124,6 +130,9 @@ int rollGapFromAnswer(std::string_view answer)
 bool toggleSimulationMode(AppState& state)
 {
     state.mode_simulation = !state.mode_simulation;
+    // The switch is how a song is opened without a board: the open command is available
+    // afterwards whichever way it went.
+    state.ouvre_midi_actif = true;
     return state.mode_simulation;
 }
 

@@ -19,7 +19,7 @@ namespace veltrin {
 enum class ImportError {
     NoFile,                // nothing chosen, or currentFileIndex past Liste_fichiers
     UnreadableResumeFile,  // the ".rep" file is missing or has fewer than four lines
-    UnreadableSong,        // the MIDI file cannot be read
+    UnreadableSong,        // the MIDI file cannot be read, or has no header or track chunk
     ProgramNotWritten,     // Genere_GCode failed (detail: why); the song stays loaded
 };
 
@@ -53,7 +53,8 @@ Result<ImportReport, ImportError> Ouvre_midi(AppState& state, const std::vector<
 
 // Opens the entry of Liste_fichiers at currentFileIndex: resets the end mark to 500000 and
 // the song's plan, reads a resume file when the path ends in "rep", logs the machine line,
-// decodes the song into Liste_tran, logs "Midi file de-assembling", runs the width search
+// decodes the song into Liste_tran, logs "Midi file de-assembling" (a file with no header or
+// track chunk ends the import there: UnreadableSong), runs the width search
 // (unless resuming or switched off) and Genere_GCode: (false, false) without a search, and
 // (true, false) after one, since the search has already split the song the same way.
 Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportOptions& options = {});
@@ -62,7 +63,8 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
 // millimetres: its leading number rounded (half to even); no number gives 0.
 int rollGapFromAnswer(std::string_view answer);
 
-// The simulation-mode switch: inverts mode_simulation and returns its new value.
+// The simulation-mode switch: inverts mode_simulation, enables the open command
+// (ouvre_midi_actif) and returns the new mode.
 bool toggleSimulationMode(AppState& state);
 
 enum class StatusLamp { Yellow, Green, Red };

@@ -123,11 +123,15 @@ TEST_F(CliConvert, OutAndMarksChooseTheProgramFile)
 
 TEST_F(CliConvert, BadUsageAndUnreadableInputExitTwo)
 {
+    const std::string notMidi = (dir.path() / "notes.mid").string();
+    testing::writeText(notMidi, "C D E F G\n");
     for (const auto& args : std::vector<std::vector<std::string>>{
              {song, "--set", "NoSuchKey=1"},
              {song, "--set", "Vitcarton"},
              {song, "--machine", "drill"},
              {song, "--scale", "Nothing like it"},
+             {song, "--set", "Standard=Nothing like it"},
+             {notMidi},
              {(dir.path() / "none.mid").string()},
              {(dir.path() / "none.mid.rep").string()},
              {song, "--start-mark", "soon"},
@@ -137,6 +141,18 @@ TEST_F(CliConvert, BadUsageAndUnreadableInputExitTwo)
         EXPECT_FALSE(run.err.empty()) << args.back();
     }
     EXPECT_FALSE(std::filesystem::exists(configFile())) << "a refused run saves nothing";
+}
+
+// A file scale chosen in an earlier session whose file is gone: every note would be out of
+// the scale and the width search would replace the stored width with its 1 mm tie.
+TEST_F(CliConvert, StoredScaleWithoutItsFileIsRefused)
+{
+    store("Standard=Gone\nFourchette=7\n");
+    const ConvertRun run = convert({song});
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find("unknown scale \"Gone\""), std::string::npos) << run.err;
+    EXPECT_NE(stored().find("Fourchette=7"), std::string::npos) << stored();
+    EXPECT_EQ(convert({song, "--scale", "Kolby 27-29"}).exitCode, 0) << "a built-in scale for this run";
 }
 
 TEST_F(CliConvert, DecoderErrorIsPrintedAndTheProgramStillWritten)

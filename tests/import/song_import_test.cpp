@@ -124,21 +124,31 @@ TEST_F(SongImport, ResumeFileRestartsAtItsTimeWithItsBandWidth)
 
 // An upper-case ".REP" is no resume file: it is decoded as a song (no MThd header); a cut
 // song keeps the notes before the break. Both imports go on.
-TEST_F(SongImport, DecoderErrorsLetTheImportGoOn)
+// A resume file named in capitals is taken for a song, and a text file is no song at all:
+// the import stops after the decoder, the band width untouched and nothing written.
+TEST_F(SongImport, FileWithoutAMidiHeaderIsNoSong)
 {
     const std::string path = song("valse.mid");
     testing::writeText(path + ".REP", path + "\r\n2000\r\n3\r\n11\r\n");
-    auto report = Ouvre_midi(state, {path + ".REP"});
-    ASSERT_TRUE(report.ok()) << report.detail();
-    EXPECT_FALSE(report->resumed);
-    EXPECT_EQ(state.chemin_morceau, path + ".REP");
-    EXPECT_EQ(report->decoderError, 5);
-    EXPECT_TRUE(logged("Ready to punch"));
+    state.settings.Fourchette = "7";
+    auto report = Ouvre_midi(state, {path + ".REP"}, 0, options);
+    ASSERT_FALSE(report.ok());
+    EXPECT_EQ(report.error(), ImportError::UnreadableSong);
+    EXPECT_NE(report.detail().find("header MThd not in file"), std::string::npos) << report.detail();
+    EXPECT_TRUE(state.chemin_morceau.empty());
+    EXPECT_TRUE(logged("Midi file de-assembling"));
+    EXPECT_FALSE(logged("Seeking for best optimizing width "));
+    EXPECT_EQ(state.settings.Fourchette, "7");
+    EXPECT_FALSE(store.read("Fourchette").has_value());
+    EXPECT_TRUE(std::filesystem::is_empty(temp()));
+}
 
+TEST_F(SongImport, DecoderErrorsLetTheImportGoOn)
+{
     auto bytes = testing::midiFile(testing::kFiveNotes);
     bytes.resize(bytes.size() - 16);  // cut in the fourth note's end event
     testing::writeFile(dir.path() / "cut.mid", bytes);
-    report = Ouvre_midi(state, {(dir.path() / "cut.mid").string()});
+    auto report = Ouvre_midi(state, {(dir.path() / "cut.mid").string()});
     ASSERT_TRUE(report.ok()) << report.detail();
     EXPECT_EQ(report->decoderError, 1);
     EXPECT_NE(report->decoderMessage.find("unexpected EOF"), std::string::npos);
@@ -157,6 +167,20 @@ TEST_F(SongImport, UnreadableResumeFileOrProgramAreReported)
     ASSERT_FALSE(report.ok());
     EXPECT_EQ(report.error(), ImportError::ProgramNotWritten);
     EXPECT_FALSE(state.chemin_morceau.empty()) << "the song is loaded all the same";
+}
+
+TEST(SimulationSwitch, AlwaysLeavesTheOpenCommandAvailable)
+{
+    AppState state;
+    state.ouvre_midi_actif = false;  // no board answered at start-up
+    EXPECT_TRUE(toggleSimulationMode(state));
+    EXPECT_TRUE(state.ouvre_midi_actif);
+    state.ouvre_midi_actif = false;
+    EXPECT_FALSE(toggleSimulationMode(state));
+    EXPECT_TRUE(state.ouvre_midi_actif);
+    EXPECT_EQ(statusLamp(true, false), StatusLamp::Yellow);
+    EXPECT_EQ(statusLamp(false, true), StatusLamp::Green);
+    EXPECT_EQ(statusLamp(false, false), StatusLamp::Red);
 }
 
 }  // namespace
