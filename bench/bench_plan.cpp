@@ -12,6 +12,7 @@
 
 #include "app/app_state.h"
 #include "plan/genere_gcode.h"
+#include "plan/plan_steps.h"
 #include "scales/scale_file.h"
 
 namespace {
@@ -88,6 +89,43 @@ void BM_SearchBestWidth(benchmark::State& run)
     }
 }
 BENCHMARK(BM_SearchBestWidth)->Unit(benchmark::kMillisecond);
+
+// The band-width search's measures alone, on the song's pieces split once: every width
+// of the search (threads share them when the machine has several cores), or one width
+// (measured by the calling thread).
+struct SplitJob : Job {
+    SplitJob() : Job("Laser"), values(veltrin::planValues(state.settings, state.scale))
+    {
+        std::vector<std::string> playLines;
+        pieces = veltrin::Decoupe_notes(veltrin::pairNotes(state.Liste_tran, playLines), true,
+                                        values, state.scale)
+                     .pieces;
+    }
+    veltrin::PlanValues values;
+    std::vector<veltrin::Piece> pieces;
+};
+
+void BM_TravelDistances(benchmark::State& run)
+{
+    SplitJob job;
+    std::vector<int> times;
+    for (int mm = 1; mm <= 30; ++mm)
+        times.push_back(veltrin::bandTime(mm, job.values.Vitcarton));
+    for (auto _ : run)
+        benchmark::DoNotOptimize(veltrin::travelDistances(job.pieces, times, job.values, {}));
+    run.counters["pieces"] = static_cast<double>(job.pieces.size());
+}
+// CPU time of all threads: the work done, which the threads share out.
+BENCHMARK(BM_TravelDistances)->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
+
+void BM_TravelDistanceOneWidth(benchmark::State& run)
+{
+    SplitJob job;
+    const std::vector<int> times{veltrin::bandTime(static_cast<double>(run.range(0)), job.values.Vitcarton)};
+    for (auto _ : run)
+        benchmark::DoNotOptimize(veltrin::travelDistances(job.pieces, times, job.values, {}));
+}
+BENCHMARK(BM_TravelDistanceOneWidth)->Arg(1)->Arg(7)->Arg(30)->Unit(benchmark::kMicrosecond);
 
 // What the import runs after decoding: the width search, then the generation.
 void BM_SearchThenGenerate(benchmark::State& run)

@@ -5,6 +5,7 @@
 // them directly.
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -111,6 +112,12 @@ struct MarkFilter {
     bool keeps(double startMs) const { return start <= startMs && (toTheEnd || startMs < end); }
 };
 
+// The square of the straight move from (x, y) to (toX, toY).
+inline double squaredMove(double x, double y, double toX, double toY)
+{
+    return (toX - x) * (toX - x) + (toY - y) * (toY - y);
+}
+
 // The straight-line travel from hole to hole, from the origin (0, 0) on.
 struct TravelLength {
     double total = 0.0;
@@ -118,7 +125,7 @@ struct TravelLength {
     double y = 0.0;
     void moveTo(double toX, double toY)
     {
-        total += std::sqrt((toX - x) * (toX - x) + (toY - y) * (toY - y));
+        total += std::sqrt(squaredMove(x, y, toX, toY));
         x = toX;
         y = toY;
     }
@@ -130,6 +137,10 @@ struct TravelLength {
 std::vector<double> travelDistances(const std::vector<Piece>& ycroissant,
                                     const std::vector<int>& widths, const PlanValues& values,
                                     const MarkRange& marks);
+
+// travelDistances shares the widths among threads (one per core) once the pieces times the
+// widths reach twice this; below, the calling thread measures them all.
+inline constexpr std::size_t kTravelMovesPerThread = 50000;
 
 struct ProgramTotals {
     double nb_frappes = 0.0;

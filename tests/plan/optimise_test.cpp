@@ -130,7 +130,19 @@ TEST(TravelDistance, SameAsTheWrittenProgram)
                 pieces.push_back({from, track(random), from + length(random)});
             }
             std::sort(pieces.begin(), pieces.end(), planOrder);
+            // Pieces out of plan order take the walk that sorts each band.
+            Pieces shuffled = pieces;
+            std::shuffle(shuffled.begin(), shuffled.end(), random);
             for (const MarkRange marks : {MarkRange{}, MarkRange{12000.7, 41000.2}, MarkRange{5000.0, 500000.0}}) {
+                const std::vector<double> unsorted = travelDistances(shuffled, {0, 250}, values, marks);
+                for (std::size_t w = 0; w < unsorted.size(); ++w) {
+                    const Pieces finale = Optimise_trajets(shuffled, w == 0 ? 0 : 250, values);
+                    WriterInput input;
+                    input.finale = &finale;
+                    input.values = values;
+                    input.marks = marks;
+                    EXPECT_EQ(unsorted[w], writeProgram(input, true).totals.distance_totale);
+                }
                 const std::vector<int> widths{0, 17, 250, 5000};
                 const std::vector<double> measured = travelDistances(pieces, widths, values, marks);
                 ASSERT_EQ(measured.size(), widths.size());
@@ -152,6 +164,78 @@ TEST(TravelDistance, SameAsTheWrittenProgram)
     }
 }
 
+// Songs for the 51-track scale below: voices of notes following each other on notes 30
+// to 80.
+std::vector<std::string> voicesSong(int noteCount, unsigned seed)
+{
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int> note(30, 80);
+    std::uniform_int_distribution<long> length(40, 1500);
+    std::uniform_int_distribution<long> gap(0, 300);
+    std::vector<testing::SongNote> notes;
+    constexpr int kVoices = 6;
+    for (int voice = 0; voice < kVoices; ++voice) {
+        long time = voice * 23;
+        for (int i = voice; i < noteCount; i += kVoices) {
+            const long start = time + gap(random);
+            time = start + length(random);
+            notes.push_back({start, time, note(random)});
+        }
+    }
+    return testing::songEvents(notes);
+}
+
+void useWideScale(AppState& state)
+{
+    state.scale.nb_notes = 51;
+    for (std::size_t i = 0; i < 51; ++i)
+        state.scale.notes_standard[i] = static_cast<std::int16_t>(30 + i);
+}
+
+// The width search's measure of each width is the distance_totale that a generation at that
+// width adds up, to the last bit: for a small song, measured by the calling thread, and for
+// one big enough to share the widths among threads.
+TEST(TravelDistance, EveryWidthAsItsGeneration)
+{
+    for (const int noteCount : {30, 3000}) {
+        for (const char* machine : {"Laser", "Punch"}) {
+            for (const bool betweenMarks : {false, true}) {
+                AppState state;
+                useWideScale(state);
+                state.settings.Type_machine = machine;
+                state.Liste_tran = voicesSong(noteCount, static_cast<unsigned>(noteCount));
+                if (betweenMarks) {
+                    state.debut_marque = noteCount * 20.5;
+                    state.fin_marque = noteCount * 90.0;
+                }
+                state.recherche_largeur = true;  // no program file, only the totals
+                ASSERT_TRUE(Genere_GCode(state, false, false).ok());
+                const std::vector<Piece> pieces = state.List_GC_Ycroissant;
+                const PlanValues values = planValues(state.settings, state.scale);
+                std::vector<int> widths;
+                for (int mm = 1; mm <= 30; ++mm)
+                    widths.push_back(bandTime(mm, values.Vitcarton));
+                if (noteCount > 30)
+                    ASSERT_GE(pieces.size() * widths.size(), 2 * kTravelMovesPerThread);
+                else
+                    ASSERT_LT(pieces.size() * widths.size(), 2 * kTravelMovesPerThread);
+                MarkRange marks;
+                marks.startMs = state.debut_marque.value_or(0.0);
+                marks.endMs = state.fin_marque;
+                const std::vector<double> measured = travelDistances(pieces, widths, values, marks);
+                ASSERT_EQ(measured.size(), widths.size());
+                for (int mm = 1; mm <= 30; ++mm) {
+                    state.settings.Fourchette = std::to_string(mm);
+                    ASSERT_TRUE(Genere_GCode(state, true, false).ok());
+                    EXPECT_GT(state.distance_totale, 0.0);
+                    EXPECT_EQ(measured[static_cast<std::size_t>(mm - 1)], state.distance_totale)
+                        << noteCount << " notes, " << machine << ", marks " << betweenMarks << ", " << mm << " mm";
+                }
+            }
+        }
+    }
+}
+
 // Tracks 0 and 20 alternate every 10 ms. A band of 30 ms or more holds all four pieces and
 // visits each track once; 1 mm (17 ms) makes two bands that cross the roll twice. So 2 mm
 // (33 ms) is the smallest of the best widths, better than the current 7.5.
@@ -161,9 +245,7 @@ TEST(SearchBestWidth, SmallestWidthOfTheShortestTravel)
     AppState state;
     state.dossier_documents = documents.str();
     state.chemin_morceau = "/songs/alternate.mid";
-    state.scale.nb_notes = 51;
-    for (std::size_t i = 0; i < 51; ++i)
-        state.scale.notes_standard[i] = static_cast<std::int16_t>(30 + i);
+    useWideScale(state);
     state.Liste_tran = testing::songEvents({{0, 5, 30}, {10, 15, 50}, {20, 25, 30}, {30, 35, 50}});
     state.settings.Fourchette = "7.5";
     auto chosen = searchBestWidth(state);
