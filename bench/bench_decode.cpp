@@ -1,5 +1,7 @@
 // Decoding speed of the MIDI decoder on a large generated song: format 1, 16 tracks (a
-// tempo track with 500 tempo changes and 15 tracks of notes), 50,000 notes in all.
+// tempo track with 500 tempo changes and 15 tracks of notes), 50,000 notes in all; and the
+// front half of the plan on its event lines: the pairing of note starts and ends and the
+// split into pieces.
 
 #include <benchmark/benchmark.h>
 
@@ -9,6 +11,7 @@
 #include <vector>
 
 #include "midi/mdlvert.h"
+#include "plan/plan_steps.h"
 
 namespace {
 
@@ -110,6 +113,31 @@ void BM_Vertalen(benchmark::State& state)
     state.counters["bytes"] = static_cast<double>(song.size());
 }
 BENCHMARK(BM_Vertalen)->Unit(benchmark::kMillisecond);
+
+// pairNotes and Decoupe_notes on the decoded song, with bridges, on a 51-track scale that
+// holds every note of the song.
+void BM_PairAndSplit(benchmark::State& state, const char* machine)
+{
+    const std::vector<std::string> events = veltrin::Vertalen(makeSong(), "bench.mid").lines;
+    veltrin::Settings settings;
+    settings.Type_machine = std::string(machine);
+    veltrin::OrganScale scale;
+    scale.nb_notes = veltrin::kMaxTracks;
+    for (int track = 0; track < veltrin::kMaxTracks; ++track)
+        scale.notes_standard[static_cast<std::size_t>(track)] = static_cast<std::int16_t>(36 + track);
+    const veltrin::PlanValues values = veltrin::planValues(settings, scale);
+    std::size_t pieces = 0;
+    for (auto _ : state) {
+        std::vector<std::string> play;
+        const std::vector<std::string> notes = veltrin::pairNotes(events, play);
+        const veltrin::SplitResult split = veltrin::Decoupe_notes(notes, true, values, scale);
+        pieces = split.pieces.size();
+        benchmark::DoNotOptimize(split);
+    }
+    state.counters["pieces"] = static_cast<double>(pieces);
+}
+BENCHMARK_CAPTURE(BM_PairAndSplit, laser, "Laser")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_PairAndSplit, punch, "Punch")->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -2,6 +2,7 @@
 // Numbers as the program reads and writes them in text: settings values, scale files,
 // event lines and piece lines.
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -27,6 +28,14 @@ long long roundHalfEven(double value);
 // locale: 12.5, 3, -0.25, 0.1, and 4.8 for 6.3 - 1.5 (whose double is 4.7999999999999998).
 // Programs, settings values and resume files use it.
 std::string plainNumber(double value);
+
+// Room for any plainNumber text: a sign, then "0." and 323 zeros before the 15 digits of
+// the smallest double (the largest has only 309 integer digits).
+inline constexpr std::size_t kPlainNumberMaxChars = 1 + 2 + 323 + 15;
+
+// Writes plainNumber(value) at out, which has room for kPlainNumberMaxChars, and returns
+// the end of the text: the program writer's form for its many coordinates.
+char* writePlainNumber(char* out, double value);
 
 // A finite non-zero value's first 15 significant digits, correctly rounded, and the power
 // of ten of the first one: |value| ~ d0.d1...d14 x 10^exponent.

@@ -1,7 +1,11 @@
 // The G-code program of the ordered pieces, its running totals and the operator's report.
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <cmath>
+#include <cstring>
+#include <string>
 #include <string_view>
 
 #include "plan/plan_steps.h"
@@ -12,14 +16,40 @@ namespace veltrin {
 
 namespace {
 
-// The program text, grown in one buffer. A line's parts are texts and numbers; numbers are
-// written in plainNumber's form. A silent program neither formats nor keeps anything.
+// A short text written many times (a coordinate, the feed rate). It is kept with room to
+// spare and copied in whole 16-byte blocks, so the copy may write past the text's end up to
+// the end of its last block; what follows in the program overwrites those bytes.
+class ShortText {
+public:
+    static constexpr std::size_t kBlock = 16;
+
+    void setNumber(double value) { m_size = size(writePlainNumber(m_chars.data(), value)); }
+    void setWhole(int value) { m_size = size(std::to_chars(m_chars.data(), m_chars.data() + kBlock, value).ptr); }
+    // The bytes a copy writes.
+    std::size_t room() const { return (m_size + kBlock - 1) / kBlock * kBlock; }
+    char* copyTo(char* out) const
+    {
+        for (std::size_t i = 0; i < m_size; i += kBlock)
+            std::memcpy(out + i, m_chars.data() + i, kBlock);
+        return out + m_size;
+    }
+
+private:
+    std::size_t size(const char* end) const { return static_cast<std::size_t>(end - m_chars.data()); }
+
+    std::array<char, (kPlainNumberMaxChars + kBlock - 1) / kBlock * kBlock> m_chars{};
+    std::size_t m_size = 0;
+};
+
+// The program text, written into one buffer that grows seldom. A line's parts are texts
+// and numbers; numbers are written in plainNumber's form. A silent program neither formats
+// nor keeps anything.
 class ProgramText {
 public:
     ProgramText(bool silent, std::size_t expectedBytes) : m_silent(silent)
     {
         if (!silent)
-            m_text.reserve(expectedBytes);
+            m_text.resize(expectedBytes);
     }
     // Appends one line with its CR LF (nothing when silent).
     template <typename... Parts>
@@ -27,19 +57,42 @@ public:
     {
         if (m_silent)
             return;
-        (put(parts), ...);
-        m_text.append("\r\n");
+        const std::size_t bytes = (room(parts) + ... + 2);
+        if (m_text.size() - m_size < bytes)
+            grow(bytes);
+        char* out = m_text.data() + m_size;
+        ((out = put(out, parts)), ...);
+        *out++ = '\r';
+        *out++ = '\n';
+        m_size = static_cast<std::size_t>(out - m_text.data());
         ++m_count;
     }
     int count() const { return m_count; }
-    std::string take() { return std::move(m_text); }
+    std::string take()
+    {
+        m_text.resize(m_size);
+        return std::move(m_text);
+    }
 
 private:
-    void put(std::string_view text) { m_text.append(text); }
-    void put(double number) { appendPlainNumber(m_text, number); }
+    // The most bytes a part writes.
+    template <std::size_t N>
+    static std::size_t room(const char (&)[N]) { return N - 1; }
+    static std::size_t room(std::string_view text) { return text.size(); }
+    static std::size_t room(const ShortText& text) { return text.room(); }
+    static std::size_t room(double) { return kPlainNumberMaxChars; }
+
+    template <std::size_t N>
+    static char* put(char* out, const char (&text)[N]) { return std::copy_n(text, N - 1, out); }
+    static char* put(char* out, std::string_view text) { return std::copy(text.begin(), text.end(), out); }
+    static char* put(char* out, const ShortText& text) { return text.copyTo(out); }
+    static char* put(char* out, double number) { return writePlainNumber(out, number); }
+
+    void grow(std::size_t bytes) { m_text.resize(std::max(2 * m_text.size(), m_size + bytes)); }
 
     bool m_silent;
-    std::string m_text;
+    std::string m_text;  // the lines written, then room for more
+    std::size_t m_size = 0;
     int m_count = 0;
 };
 
@@ -47,8 +100,8 @@ private:
 // Position_piste, the far X of a laser cut, and their texts (not for a silent program).
 struct TrackColumns {
     std::vector<double> x1;
-    std::vector<std::string> x1Text;
-    std::vector<std::string> x2Text;
+    std::vector<ShortText> x1Text;
+    std::vector<ShortText> x2Text;
 
     TrackColumns(const PlanValues& v, const std::vector<Piece>& pieces, bool silent)
     {
@@ -66,8 +119,8 @@ struct TrackColumns {
             x1[i] = Position_piste(v, track);
             if (silent)
                 continue;
-            appendPlainNumber(x1Text[i], x1[i]);
-            appendPlainNumber(x2Text[i], farX(v, track, x1[i]));
+            x1Text[i].setNumber(x1[i]);
+            x2Text[i].setNumber(farX(v, track, x1[i]));
         }
     }
 
@@ -104,7 +157,8 @@ Program writeProgram(const WriterInput& input, bool silent)
                      " mm from X origin and at ", y0, " mm from roll begining");
         }
     }
-    const std::string feed = std::to_string(v.vitesse_avance);
+    ShortText feed;
+    feed.setWhole(v.vitesse_avance);
     if (!v.laser)
         out.line("M3 S1000 F", feed);  // the spindle output drives the punch
     else if (input.Laser_mode == "M3")
@@ -118,8 +172,8 @@ Program writeProgram(const WriterInput& input, bool silent)
     const TrackColumns columns(v, finale, silent);
     if (!silent)
         program.holes.reserve(finale.size());
-    std::string x1Text;  // a hole's corner, written twice
-    std::string y1Text;
+    ShortText x1Number;  // the X of a hole whose track has no column
+    ShortText y1Text;    // a laser cut's corner, written twice
     const MarkFilter betweenMarks(input.marks);
     TravelLength travel;
     for (const Piece& piece : finale) {
@@ -131,22 +185,23 @@ Program writeProgram(const WriterInput& input, bool silent)
         const bool known = piece.track >= 0;
         const auto track = static_cast<std::size_t>(piece.track);
         const double x1 = known ? columns.x1[track] : Position_piste(v, piece.track);
-        if (!silent) {
-            x1Text.clear();
-            if (known)
-                x1Text.append(columns.x1Text[track]);
-            else
-                appendPlainNumber(x1Text, x1);
-        }
+        const ShortText* x1Text = &x1Number;
+        if (!silent && known)
+            x1Text = &columns.x1Text[track];
+        else if (!silent)
+            x1Number.setNumber(x1);
         double y1 = 0.0;
         if (!silent)
             program.holes.emplace_back(piece, out.count());
         if (!v.laser) {
             // A strike is centred half a punch length after the piece's start.
             y1 = holeY(v, piece);
-            out.line("G0 X", x1Text, " Y", y1);
+            out.line("G0 X", *x1Text, " Y", y1);
             // Each strike moves Z from one end to the other.
-            out.line(static_cast<long long>(t.nb_frappes) % 2 == 0 ? "G1 Z1" : "G1 Z-1");
+            if (static_cast<long long>(t.nb_frappes) % 2 == 0)
+                out.line("G1 Z1");
+            else
+                out.line("G1 Z-1");
             t.nb_frappes += 1.0;
             t.y_max = std::max(t.y_max, y1);
         } else {
@@ -156,16 +211,15 @@ Program writeProgram(const WriterInput& input, bool silent)
             const double x2 = TrackColumns::farX(v, piece.track, x1);
             const double y2 = end * v.Vitcarton / 1000.0;
             if (!silent) {
-                y1Text.clear();
-                appendPlainNumber(y1Text, y1);
+                y1Text.setNumber(y1);
                 // Travel with the beam off (G0), then the rectangle clockwise back to its corner.
-                out.line("G0 X", x1Text, " Y", y1Text);
+                out.line("G0 X", *x1Text, " Y", y1Text);
                 if (known)
                     out.line("G1 X", columns.x2Text[track], " F", feed);
                 else
                     out.line("G1 X", x2, " F", feed);
                 out.line("G1 Y", y2, " F", feed);
-                out.line("G1 X", x1Text, " F", feed);
+                out.line("G1 X", *x1Text, " F", feed);
                 out.line("G1 Y", y1Text, " F", feed);
             }
             // The cut length counts Ldecoupe even for the wider bass holes.

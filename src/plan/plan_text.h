@@ -11,8 +11,7 @@ namespace veltrin {
 // == "12,346", fixedDecimals(0.5, 2, 1, '.') == "0.50".
 std::string fixedDecimals(double value, int decimals, int minIntegerDigits, char decimalSeparator);
 
-// Appends plainNumber(value) to out, the same text without making strings of its own: the
-// program writer's form for its many coordinates.
+// Appends plainNumber(value) to out without making a string of its own.
 void appendPlainNumber(std::string& out, double value);
 
 // A duration in seconds as "hh:mm:ss", rounded to the nearest second; a day or more wraps

@@ -171,6 +171,18 @@ TEST_F(Marks, OneMarkOnly)
     EXPECT_NE(state.user_msg_list.text().find("Roll length : 0.126 m\r\n"), std::string::npos);
 }
 
+// A roll 10^150 mm wide: every X is 151 digits long, so the program outgrows its first guess
+// of about 90 bytes a hole, and the long texts are copied whole.
+TEST_F(Program, HugeCoordinatesOutgrowTheFirstGuess)
+{
+    state.settings.Talon = "1e150";
+    state.Liste_tran = testing::songEvents({{1000, 1200, 60}, {1050, 1650, 64}});
+    const std::string x = "1" + std::string(150, '0');
+    const std::string program = generate();
+    EXPECT_EQ(program.substr(program.find("G0 X")), cut(x, "60", x, "72") + cut(x, "63", x, "78") +
+                                                        cut(x, "79.5", x, "99") + crlf({"G0 M5 S0"}));
+}
+
 TEST_F(Program, SongLongerThanTheUnsetEndMark)
 {
     // 500000 ms is only the unset mark: a note at 600000 ms (Y 36000) is written.

@@ -1,0 +1,140 @@
+// The G-code program writer on a generated 20,000-note song on the 27-29 scale: the
+// program text of the ordered pieces, the same written to its file with the report, and
+// the coordinate text alone.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "app/app_state.h"
+#include "plan/genere_gcode.h"
+#include "plan/plan_steps.h"
+#include "plan/plan_text.h"
+#include "scales/scale_file.h"
+
+namespace {
+
+using veltrin::AppState;
+
+// Event lines of a song of noteCount notes, as the decoder writes them: several voices
+// whose notes follow each other, 60 ms to 2 s long, mostly in the scale.
+std::vector<std::string> generatedSong(int noteCount)
+{
+    std::mt19937 random(2024);
+    std::uniform_int_distribution<int> pitch(46, 88);
+    std::uniform_int_distribution<int> length(60, 2000);
+    std::uniform_int_distribution<int> gap(0, 400);
+    std::vector<std::string> lines{"TEMP 0000000 000000 0500000"};
+    constexpr int kVoices = 8;
+    for (int voice = 0; voice < kVoices; ++voice) {
+        long time = voice * 37;
+        for (int i = voice; i < noteCount; i += kVoices) {
+            const long start = time + gap(random);
+            const long end = start + length(random);
+            char noteLine[96];
+            char offLine[64];
+            std::snprintf(noteLine, sizeof noteLine, "NOTE %07ld 000960 00001 %05d %05ld 00100 C3",
+                          start, pitch(random), end - start);
+            std::snprintf(offLine, sizeof offLine, "NOOF %07ld 000960 00001", end);
+            lines.emplace_back(noteLine);
+            lines.emplace_back(offLine);
+            time = end;
+        }
+    }
+    lines.emplace_back("ENDF 9999999");
+    return lines;
+}
+
+// A song planned and ordered once; the benchmarks only write its program.
+struct Job {
+    explicit Job(const std::string& machine)
+    {
+        char pattern[] = "/tmp/veltrin_bench_writer_XXXXXX";
+        folder = mkdtemp(pattern);
+        state.dossier_documents = folder;
+        state.chemin_morceau = "/songs/bench.mid";
+        state.settings.Type_machine = machine;
+        veltrin::MessageLog log;
+        veltrin::Def_standard(folder, state.settings, state.scale, log);
+        state.Liste_tran = generatedSong(20000);
+        ok = veltrin::Genere_GCode(state, false, false).ok();
+    }
+    ~Job() { std::filesystem::remove_all(folder); }
+    std::string folder;
+    AppState state;
+    bool ok = false;
+};
+
+void BM_WriteProgram(benchmark::State& run, const std::string& machine)
+{
+    Job job(machine);
+    if (!job.ok) {
+        run.SkipWithError("the song could not be planned");
+        return;
+    }
+    veltrin::WriterInput input;
+    input.finale = &job.state.List_GC_Finale;
+    input.values = veltrin::planValues(job.state.settings, job.state.scale);
+    input.title = "bench";
+    input.Laser_mode = job.state.settings.Laser_mode;
+    input.Laser_power = job.state.settings.Laser_power;
+    std::size_t bytes = 0;
+    for (auto _ : run) {
+        const veltrin::Program program = veltrin::writeProgram(input, false);
+        bytes = program.text.size();
+        benchmark::DoNotOptimize(program.text.data());
+    }
+    run.counters["pieces"] = static_cast<double>(job.state.List_GC_Finale.size());
+    run.SetBytesProcessed(static_cast<std::int64_t>(run.iterations() * bytes));
+}
+BENCHMARK_CAPTURE(BM_WriteProgram, laser, std::string("Laser"))->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_WriteProgram, punch, std::string("Punch"))->Unit(benchmark::kMillisecond);
+
+// Genere_GCode keeping the plan and its order: the program, its file and the report.
+void BM_WriteProgramFile(benchmark::State& run, const std::string& machine)
+{
+    Job job(machine);
+    if (!job.ok) {
+        run.SkipWithError("the song could not be planned");
+        return;
+    }
+    for (auto _ : run) {
+        job.state.user_msg_list.clear();
+        auto written = veltrin::Genere_GCode(job.state, true, true);
+        if (!written.ok())
+            run.SkipWithError(written.detail().c_str());
+    }
+}
+BENCHMARK_CAPTURE(BM_WriteProgramFile, laser, std::string("Laser"))->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_WriteProgramFile, punch, std::string("Punch"))->Unit(benchmark::kMillisecond);
+
+// Coordinates along the roll, roll speed x start time: short decimals at 60 mm/s, longer
+// texts at 33.3 mm/s, whose products are seldom the doubles nearest to short decimals.
+void BM_PlainNumber(benchmark::State& run, double Vitcarton)
+{
+    std::mt19937 random(7);
+    std::uniform_int_distribution<int> ms(0, 600000);
+    std::vector<double> values;
+    for (int i = 0; i < 4096; ++i)
+        values.push_back(Vitcarton * ms(random) / 1000.0);
+    std::string text;
+    for (auto _ : run) {
+        text.clear();
+        for (const double value : values)
+            veltrin::appendPlainNumber(text, value);
+        benchmark::DoNotOptimize(text.data());
+    }
+    run.SetItemsProcessed(static_cast<std::int64_t>(run.iterations() * values.size()));
+}
+BENCHMARK_CAPTURE(BM_PlainNumber, short, 60.0);
+BENCHMARK_CAPTURE(BM_PlainNumber, long, 33.3);
+
+}  // namespace
+
+BENCHMARK_MAIN();
