@@ -32,7 +32,9 @@ WriterInput writerInput(const AppState& state, const PlanValues& values,
     input.marks = markRange(state);
     input.title = commentSafe(songTitle(state.chemin_morceau));
     input.Laser_mode = state.settings.Laser_mode;
-    input.Laser_power = state.settings.Laser_power;
+    // The power is written into the command itself: like the comments, it carries no byte
+    // that Grbl would take as a real-time command.
+    input.Laser_power = commentSafe(state.settings.Laser_power);
     input.header = leadingNumber(state.settings.Gen_entete) == 1.0;
     return input;
 }
@@ -60,10 +62,33 @@ Result<std::string, PlanError> writeAtomically(const std::string& path, const st
     }
     fs::rename(temporary, target, ec);
     if (ec) {
+        const std::string why = ec.message();
         fs::remove(temporary, ec);
-        return fail(PlanError::CannotWriteProgram, path + ": " + ec.message());
+        return fail(PlanError::CannotWriteProgram, path + ": " + why);
     }
     return path;
+}
+
+// Whether the values allow a generation: a roll that moves forward, and a split whose
+// pieces advance along the roll (the split cuts long notes into steps of a piece and a
+// bridge; steps under 1 ms would give countless pieces, or none at all would end a note).
+Result<bool, PlanError> checkPlanValues(const PlanValues& values, bool fractionner)
+{
+    if (!(values.Vitcarton > 0.0))
+        return fail(PlanError::ZeroRollSpeed, values.Vitcarton == 0.0 ? "Vitcarton is 0" : "Vitcarton is below 0");
+    const double piece = values.laser ? values.temps_morceau : values.temps_poincon;
+    if (fractionner && !(piece + values.temps_pont >= 1.0)) {
+        return fail(PlanError::SplitTooFine,
+                    std::string(values.laser ? "Dist_ponts" : "L_poincon") + " + Lgponts must be at least " +
+                        plainNumber(values.Vitcarton / 1000.0) + " mm (1 ms of roll)");
+    }
+    return true;
+}
+
+bool splitsNotes(const PlanValues& values, const Settings& settings)
+{
+    // Only the laser without bridges keeps every note whole.
+    return !(values.laser && leadingNumber(settings.Lgponts) == 0.0);
 }
 
 }  // namespace
@@ -74,8 +99,9 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
     const bool silent = state.recherche_largeur;
     // 1. Values of this generation; every total starts from 0.
     const PlanValues values = planValues(state.settings, state.scale);
-    if (values.Vitcarton == 0.0)
-        return fail(PlanError::ZeroRollSpeed, "Vitcarton is 0");
+    const bool fractionner = splitsNotes(values, state.settings);
+    if (auto usable = checkPlanValues(values, fractionner && !garder_notes); !usable)
+        return fail(usable.error(), usable.detail());
     state.nb_frappes = 0.0;
     state.distance_totale = 0.0;
     state.longueur_coupe = 0.0;
@@ -85,7 +111,6 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
     // 2. Pair note starts and ends, 3. split the notes into pieces.
     if (!garder_notes) {
         const std::vector<std::string> noteLines = pairNotes(state.Liste_tran, state.Liste_play);
-        const bool fractionner = !(values.laser && leadingNumber(state.settings.Lgponts) == 0.0);
         SplitResult split = Decoupe_notes(noteLines, fractionner, values, state.scale);
         state.List_GC_Ycroissant = std::move(split.pieces);
         state.notes_hors_gamme = split.notes_hors_gamme;
@@ -156,8 +181,9 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
 Result<double, PlanError> searchBestWidth(AppState& state)
 {
     const PlanValues values = planValues(state.settings, state.scale);
-    if (values.Vitcarton == 0.0)
-        return fail(PlanError::ZeroRollSpeed, "Vitcarton is 0");
+    const bool fractionner = splitsNotes(values, state.settings);
+    if (auto usable = checkPlanValues(values, fractionner); !usable)
+        return fail(usable.error(), usable.detail());
     state.user_msg_list.append("Seeking for best optimizing width ");
     state.recherche_largeur = true;
 
@@ -165,7 +191,6 @@ Result<double, PlanError> searchBestWidth(AppState& state)
     // re-orders the same pieces.
     std::vector<std::string> playLines;
     const std::vector<std::string> noteLines = pairNotes(state.Liste_tran, playLines);
-    const bool fractionner = !(values.laser && leadingNumber(state.settings.Lgponts) == 0.0);
     SplitResult split = Decoupe_notes(noteLines, fractionner, values, state.scale);
     const std::vector<Piece>& pieces = split.pieces;
 

@@ -14,7 +14,9 @@
 namespace veltrin {
 
 enum class PlanError {
-    ZeroRollSpeed,       // Vitcarton reads 0: no time can be turned into millimetres
+    ZeroRollSpeed,       // Vitcarton reads 0 or less: no time can be turned into millimetres
+    SplitTooFine,        // a piece and its bridge (or gap) are under 1 ms of roll long together:
+                         // long notes would be cut into countless pieces, or never end
     CannotWriteProgram,  // the Temp folder or the program file could not be written
 };
 

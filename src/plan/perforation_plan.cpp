@@ -408,10 +408,13 @@ SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fracti
         // 4. The pieces.
         if (fractionner && duree >= temps_morceau) {
             double reste = duree;
-            while (reste > marge_pont + temps_morceau) {
+            // Genere_GCode refuses steps under 1 ms; a step that does not advance at all
+            // would never end the note.
+            const double step = temps_morceau + values.temps_pont;
+            while (step > 0.0 && reste > marge_pont + temps_morceau) {
                 add(start, start + temps_morceau);
-                start += temps_morceau + values.temps_pont;
-                reste -= temps_morceau + values.temps_pont;
+                start += step;
+                reste -= step;
             }
             if (values.laser)
                 add(start, end);

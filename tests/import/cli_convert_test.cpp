@@ -155,6 +155,35 @@ TEST_F(CliConvert, StoredScaleWithoutItsFileIsRefused)
     EXPECT_EQ(convert({song, "--scale", "Kolby 27-29"}).exitCode, 0) << "a built-in scale for this run";
 }
 
+// Settings typed wrong in the dialog: the run ends with a reason instead of hanging on a
+// split that never advances, or sending Grbl a real-time command inside the power.
+TEST_F(CliConvert, SettingsThatCannotMakeARoll)
+{
+    const ConvertRun stuck = convert({song, "--defaults", "--machine", "punch", "--set", "L_poincon=0", "--set", "Lgponts=0"});
+    EXPECT_EQ(stuck.exitCode, 1);
+    EXPECT_NE(stuck.err.find("L_poincon + Lgponts must be at least 0.06 mm"), std::string::npos) << stuck.err;
+    const ConvertRun backwards = convert({song, "--defaults", "--set", "Vitcarton=-60"});
+    EXPECT_EQ(backwards.exitCode, 1);
+    EXPECT_NE(backwards.err.find("Vitcarton is below 0"), std::string::npos) << backwards.err;
+    EXPECT_FALSE(std::filesystem::exists(temp() / "valse.gcode"));
+
+    const ConvertRun power = convert({song, "--defaults", "--set", "Laser_power=5?0!"});
+    ASSERT_EQ(power.exitCode, 0) << power.err;
+    EXPECT_NE(readText(temp() / "valse.gcode").find("\r\nM3 S50 ;Laser power 50. M3 = constant power\r\n"),
+              std::string::npos);
+}
+
+TEST_F(CliConvert, ProgramThatCannotBeWrittenSaysWhy)
+{
+    const auto folder = dir.path() / "a folder";
+    std::filesystem::create_directories(folder);
+    const ConvertRun run = convert({song, "--defaults", "--out", folder.string()});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_NE(run.err.find("the program was not written: " + folder.string() + ": Is a directory"), std::string::npos)
+        << run.err;
+    EXPECT_FALSE(std::filesystem::exists(folder.string() + ".tmp")) << "no half-written file is left";
+}
+
 TEST_F(CliConvert, DecoderErrorIsPrintedAndTheProgramStillWritten)
 {
     auto bytes = testing::midiFile({{0, 200, 60}, {1000, 1200, 62}});

@@ -146,6 +146,10 @@ TEST_F(Split, PunchStrikes)
     // Touching strikes, the last overlapping: [0,50], [50,100], rest 20: [70,120].
     settings.Lgponts = "0";
     EXPECT_EQ(split({"0000000 060 0000120"}).pieces, (Pieces{{0, 0, 50}, {50, 0, 100}, {70, 0, 120}}));
+    // No strike length and no gap: nothing would advance. The split still ends (the note gets
+    // its last strike only); a generation refuses such values before it splits.
+    settings.L_poincon = "0";
+    EXPECT_EQ(split({"0000000 060 0000120"}).pieces, (Pieces{{120, 0, 120}}));
 }
 
 TEST_F(Split, NotesOutOfTheScale)
