@@ -14,39 +14,13 @@
 #include "plan/genere_gcode.h"
 #include "plan/plan_steps.h"
 #include "scales/scale_file.h"
+#include "bench_song.h"
 
 namespace {
 
 using veltrin::AppState;
 
-// Event lines of a song of noteCount notes, as the decoder writes them: several voices
-// whose notes follow each other, 60 ms to 2 s long, mostly in the scale.
-std::vector<std::string> generatedSong(int noteCount)
-{
-    std::mt19937 random(2024);
-    std::uniform_int_distribution<int> pitch(46, 88);
-    std::uniform_int_distribution<int> length(60, 2000);
-    std::uniform_int_distribution<int> gap(0, 400);
-    std::vector<std::string> lines{"TEMP 0000000 000000 0500000"};
-    constexpr int kVoices = 8;
-    for (int voice = 0; voice < kVoices; ++voice) {
-        long time = voice * 37;
-        for (int i = voice; i < noteCount; i += kVoices) {
-            const long start = time + gap(random);
-            const long end = start + length(random);
-            char noteLine[96];
-            char offLine[64];
-            std::snprintf(noteLine, sizeof noteLine, "NOTE %07ld 000960 00001 %05d %05ld 00100 C3",
-                          start, pitch(random), end - start);
-            std::snprintf(offLine, sizeof offLine, "NOOF %07ld 000960 00001", end);
-            lines.emplace_back(noteLine);
-            lines.emplace_back(offLine);
-            time = end;
-        }
-    }
-    lines.emplace_back("ENDF 9999999");
-    return lines;
-}
+using bench::generatedSong;
 
 struct Job {
     explicit Job(const std::string& machine)

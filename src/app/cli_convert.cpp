@@ -175,7 +175,9 @@ void addConvertCommand(CLI::App& app, int& exitCode)
                         "End mark in ms: also write the program between the marks");
     command->add_flag("--no-width-search", args->noWidthSearch,
                       "Keep Fourchette instead of searching the best band width");
-    command->add_option("--out", args->out, "Write the program here instead of the Temp folder");
+    command->add_option("--out", args->out,
+                        "Write the program here instead of the Temp folder (with a mark: the "
+                        "program between the marks)");
     command->add_flag("--defaults", args->defaults,
                       "Ignore the stored settings (every key at its default); nothing is saved");
     command->callback([args, &exitCode] { exitCode = runConvert(*args); });

@@ -57,12 +57,15 @@ TEST(Report, PunchNotesOutOfScaleAndRollLengths)
     in.totals.nb_frappes = 1234, in.totals.distance_totale = 56789.5, in.totals.y_max = 9998.5;
     in.notes_hors_gamme = 1;
     in.duree_trou_poincon = 0.5;
-    // Roll 9.9985 + 3 / 2000 = 10 m exactly: "0.000". Learned: 1234 x 0.5 = 617 s.
+    // Roll 9.9985 + 3 / 2000 = 10 m exactly. Learned: 1234 x 0.5 = 617 s.
     EXPECT_EQ(reportLines(in), (std::vector<std::string>{
                                    "   - Overall distances : 56.79 m", "   - Number of punch strikes : 1234",
                                    "ATTENTION : ", "--->  1 note is not in the organ scale",
                                    "Roll length : 10.000 m", "Estimated punch duration : 00:10:17",
                                    "Ready to punch", ""}));
+    // Up to 10 m the length has a single integer digit ("0.000"), above it two ("00.000").
+    in.totals.y_max = 998.5;
+    EXPECT_EQ(reportLines(in)[4], "Roll length : 1.000 m");
     in.notes_hors_gamme = 3, in.totals.y_max = 12345.6785, in.duree_trou_poincon = 999;
     in.decimalSeparator = ',';
     // 12.3456785 + 0.0015 m; unlearned: 56789.5 / 8000 x 1.5 x 60 = 638.88 s.
