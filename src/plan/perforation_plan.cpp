@@ -54,6 +54,17 @@ double fieldNumber(std::string_view field)
     return static_cast<double>(value);
 }
 
+// A time field of a note line: its leadingNumber, kept within what seven characters hold
+// without an exponent ("1e12" reads as 10^12, and would split into countless pieces).
+double fieldTime(std::string_view field)
+{
+    constexpr double kLongestTime = 9999999.0;
+    const double time = fieldNumber(field);
+    if (std::isnan(time))
+        return 0.0;
+    return std::clamp(time, -kLongestTime, kLongestTime);
+}
+
 // The first eight characters of text as one number whose order is the text order of those
 // characters (missing characters count as 0).
 std::uint64_t prefixKey(const std::string& text)
@@ -384,8 +395,8 @@ SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fracti
             end = static_cast<double>(endDigits);
             piste = trackOfNote[static_cast<std::size_t>(noteDigits)];
         } else {
-            start = fieldNumber(mid(line, 1, 7));
-            end = fieldNumber(mid(line, 13, 7));
+            start = fieldTime(mid(line, 1, 7));
+            end = fieldTime(mid(line, 13, 7));
             const double note = fieldNumber(mid(line, 9, 3));
             // 3. Its track: the first table entry that plays this note.
             for (int i = 0; i < searched; ++i) {

@@ -152,6 +152,17 @@ TEST_F(Split, PunchStrikes)
     EXPECT_EQ(split({"0000000 060 0000120"}).pieces, (Pieces{{120, 0, 120}}));
 }
 
+// Note lines written by hand are read by the leading-number rule, which takes exponents: a
+// time stays within what its seven characters hold without one.
+TEST_F(Split, TimesWithAnExponentStayWithinTheirField)
+{
+    const auto pieces = split({"0001000 060 0001e12"}).pieces;
+    ASSERT_FALSE(pieces.empty());
+    EXPECT_EQ(pieces.size(), 36360u) << "(9999999 - 1000) / 275 steps of a piece and a bridge";
+    EXPECT_EQ(pieces.back().endMs, 9999999);
+    EXPECT_EQ(split({"001e300 060 0000000"}).pieces, (Pieces{{9999999, 0, 0}}));
+}
+
 TEST_F(Split, NotesOutOfTheScale)
 {
     auto result = split({"0001000 061 0001100", "0002000 062 0002100", "0003000 065 0003100"});
