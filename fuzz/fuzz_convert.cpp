@@ -29,6 +29,7 @@
 #include "plan/plan_steps.h"
 #include "scales/organ_scale.h"
 #include "scales/scale_file.h"
+#include "support/plain_models.h"
 
 namespace {
 
@@ -100,28 +101,7 @@ bool isKeyword(const std::string& line, const char* keyword)
 
 // ---- Numbers ---------------------------------------------------------------------------
 
-// plainNumber's text the slow way: printf's correctly rounded 15 significant digits, laid
-// out by hand.
-std::string slowPlainNumber(double value)
-{
-    if (value == 0.0 || !std::isfinite(value))
-        return "0";
-    char text[64];
-    std::snprintf(text, sizeof text, "%.14e", std::fabs(value));  // "d.dddddddddddddde+XX"
-    std::string digits = text[0] + std::string(text + 2, 14);
-    const int exponent = std::atoi(std::strchr(text, 'e') + 1);
-    while (digits.size() > 1 && digits.back() == '0')
-        digits.pop_back();
-    std::string out = value < 0 ? "-" : "";
-    const auto integerCount = static_cast<std::size_t>(exponent + 1);
-    if (exponent < 0)
-        out += "0." + std::string(static_cast<std::size_t>(-exponent - 1), '0') + digits;
-    else if (digits.size() <= integerCount)
-        out += digits + std::string(integerCount - digits.size(), '0');
-    else
-        out += digits.substr(0, integerCount) + "." + digits.substr(integerCount);
-    return out;
-}
+using veltrin::models::slowPlainNumber;
 
 void checkNumber(double value)
 {
@@ -229,29 +209,7 @@ void spoil(Lines& lines, TailReader& tail)
 
 // ---- Pairing -------------------------------------------------------------------------------
 
-// The pairing rule as text: each NOOF closes the note the last NOTE opened.
-Lines pairedAsText(const Lines& events, Lines& play)
-{
-    Lines notes;
-    play.clear();
-    std::string pending, lastNote;
-    for (const std::string& line : events) {
-        const std::string keyword = mid(line, 1, 4);
-        if (keyword == "NOTE") {
-            lastNote = mid(line, 29, 3);
-            pending = mid(line, 6, 7) + " " + lastNote;
-        } else if (keyword == "NOOF") {
-            notes.push_back(pending + " " + mid(line, 6, 7));
-            pending.clear();
-        } else {
-            continue;
-        }
-        play.push_back(mid(line, 6, 8) + lastNote + " " + keyword);
-    }
-    std::sort(notes.begin(), notes.end());
-    std::sort(play.begin(), play.end());
-    return notes;
-}
+using veltrin::models::pairedAsText;
 
 // ---- Split ---------------------------------------------------------------------------------
 
@@ -320,44 +278,7 @@ ModelSplit splitPlainly(Lines& noteLines, bool fractionner, const veltrin::PlanV
 
 // ---- Travel --------------------------------------------------------------------------------
 
-bool trackFirst(const veltrin::Piece& a, const veltrin::Piece& b)
-{
-    if (a.track != b.track)
-        return a.track < b.track;
-    if (a.startMs != b.startMs)
-        return a.startMs < b.startMs;
-    return a.endMs < b.endMs;
-}
-
-// The travel order band by band: a band closes when a piece starts more than width after
-// the band's start (time 0 for the first); each band, in track-first order, goes to
-// Ordonne_bande towards the end nearer the track last visited.
-Pieces travelPlainly(const Pieces& ycroissant, int width, const veltrin::PlanValues& v)
-{
-    Pieces out;
-    Pieces band;
-    int lastTrack = 0;
-    auto close = [&] {
-        std::sort(band.begin(), band.end(), trackFirst);
-        const bool sens = std::abs(band.front().track - lastTrack) > std::abs(band.back().track - lastTrack);
-        const Pieces ordered = veltrin::Ordonne_bande(band, sens, v);
-        check(ordered.size() == band.size());
-        out.insert(out.end(), ordered.begin(), ordered.end());
-        lastTrack = ordered.back().track;
-        band.clear();
-    };
-    long long bandStart = 0;
-    for (const veltrin::Piece& piece : ycroissant) {
-        if (!band.empty() && piece.startMs > bandStart + width) {
-            close();
-            bandStart = piece.startMs;
-        }
-        band.push_back(piece);
-    }
-    if (!band.empty())
-        close();
-    return out;
-}
+using veltrin::models::bandByBand;
 
 bool betweenMarks(const veltrin::Piece& piece, const veltrin::MarkRange& marks)
 {
@@ -408,7 +329,7 @@ void checkTravel(const Pieces& pieces, const std::vector<int>& widths, const vel
         const Pieces finale = veltrin::Optimise_trajets(pieces, widths[w], v);
         check(samePieces(finale, sorted));
         if (inPlanOrder)
-            check(finale == travelPlainly(pieces, widths[w], v));
+            check(finale == bandByBand(pieces, widths[w], v));
         check(sameBits(distances[w], walkPlainly(finale, v, marks)));
     }
 }

@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/plain_models.h"
+
 namespace veltrin {
 namespace {
 
@@ -56,28 +58,7 @@ TEST(PlainNumber, WritesAtMostFifteenSignificantDigitsWithAPoint)
         EXPECT_EQ(plainNumber(value), text);
 }
 
-// plainNumber's text the slow way: printf's correctly rounded 15 significant digits, laid
-// out by hand.
-std::string slowPlainNumber(double value)
-{
-    if (value == 0.0 || !std::isfinite(value))
-        return "0";
-    char text[64];
-    std::snprintf(text, sizeof text, "%.14e", std::fabs(value));  // "d.dddddddddddddde+XX"
-    std::string digits = text[0] + std::string(text + 2, 14);
-    const int exponent = std::atoi(std::strchr(text, 'e') + 1);
-    while (digits.size() > 1 && digits.back() == '0')
-        digits.pop_back();
-    std::string out = value < 0 ? "-" : "";
-    const auto integerCount = static_cast<std::size_t>(exponent + 1);
-    if (exponent < 0)
-        out += "0." + std::string(static_cast<std::size_t>(-exponent - 1), '0') + digits;
-    else if (digits.size() <= integerCount)
-        out += digits + std::string(integerCount - digits.size(), '0');
-    else
-        out += digits.substr(0, integerCount) + "." + digits.substr(integerCount);
-    return out;
-}
+using models::slowPlainNumber;
 
 // Checks value, its neighbours and their negatives; returns false at the first difference.
 bool agreesAround(double value)

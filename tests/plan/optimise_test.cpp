@@ -10,6 +10,7 @@
 #include "plan/genere_gcode.h"
 #include "plan/plan_steps.h"
 #include "plan_test_support.h"
+#include "support/plain_models.h"
 
 namespace veltrin {
 namespace {
@@ -53,36 +54,7 @@ TEST(OrdonneBande, TrackGroupsTakenFromTheNearerEnd)
     EXPECT_EQ(Ordonne_bande({{40, 2, 45}, {40, 2, 60}}, true, kValues), (Pieces{{40, 2, 45}, {40, 2, 60}}));
 }
 
-// Optimise_trajets step by step as its description goes: bands closed by a piece starting
-// more than the width after the band's first (0 for the first band), each sorted by track,
-// start and end and given to Ordonne_bande towards the end nearer the last track visited.
-Pieces bandByBand(const Pieces& ycroissant, int width, const PlanValues& values)
-{
-    Pieces finale;
-    Pieces band;
-    int lastTrack = 0;
-    long long bandStart = 0;
-    auto close = [&] {
-        std::sort(band.begin(), band.end(), [](const Piece& a, const Piece& b) {
-            return std::tie(a.track, a.startMs, a.endMs) < std::tie(b.track, b.startMs, b.endMs);
-        });
-        const bool downwards = std::abs(band.front().track - lastTrack) > std::abs(band.back().track - lastTrack);
-        const Pieces ordered = Ordonne_bande(band, downwards, values);
-        finale.insert(finale.end(), ordered.begin(), ordered.end());
-        lastTrack = finale.back().track;
-        band.clear();
-    };
-    for (const Piece& piece : ycroissant) {
-        if (!band.empty() && piece.startMs > bandStart + width) {
-            close();
-            bandStart = piece.startMs;
-        }
-        band.push_back(piece);
-    }
-    if (!band.empty())
-        close();
-    return finale;
-}
+using models::bandByBand;
 
 TEST(OptimiseTrajets, SameAsBandByBand)
 {

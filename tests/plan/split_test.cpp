@@ -9,6 +9,7 @@
 
 #include "plan/plan_steps.h"
 #include "plan_test_support.h"
+#include "support/plain_models.h"
 
 namespace veltrin {
 namespace {
@@ -32,32 +33,7 @@ TEST(PairNotes, EachNoofClosesTheNoteOpenedLast)
     EXPECT_EQ(play, (Lines{"0000100 060 NOTE", "0000200 062 NOTE", "0000400 062 NOOF", "0000600 062 NOOF"}));
 }
 
-// The pairing rule worked on the text, for any event lines: the order of a sorted text list.
-Lines pairedAsText(const Lines& events, Lines& play)
-{
-    const auto mid = [](const std::string& line, std::size_t pos, std::size_t length) {
-        return pos - 1 < line.size() ? line.substr(pos - 1, length) : std::string();
-    };
-    Lines notes;
-    play.clear();
-    std::string pending, lastNote;
-    for (const std::string& line : events) {
-        const std::string keyword = mid(line, 1, 4);
-        if (keyword == "NOTE") {
-            lastNote = mid(line, 29, 3);
-            pending = mid(line, 6, 7) + " " + lastNote;
-        } else if (keyword == "NOOF") {
-            notes.push_back(pending + " " + mid(line, 6, 7));
-            pending.clear();
-        } else {
-            continue;
-        }
-        play.push_back(mid(line, 6, 8) + lastNote + " " + keyword);
-    }
-    std::sort(notes.begin(), notes.end());
-    std::sort(play.begin(), play.end());
-    return notes;
-}
+using models::pairedAsText;
 
 // Decoded songs are paired as numbers; any line out of the decoder's layout sends the whole
 // list through the text rule. Both must give the lines of the rule.
