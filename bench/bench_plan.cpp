@@ -22,22 +22,7 @@ using veltrin::AppState;
 
 using bench::generatedSong;
 
-struct Job {
-    explicit Job(const std::string& machine)
-    {
-        char pattern[] = "/tmp/veltrin_bench_XXXXXX";
-        folder = mkdtemp(pattern);
-        state.dossier_documents = folder;
-        state.chemin_morceau = "/songs/bench.mid";
-        state.settings.Type_machine = machine;
-        veltrin::MessageLog log;
-        veltrin::Def_standard(folder, state.settings, state.scale, log);
-        state.Liste_tran = generatedSong(20000);
-    }
-    ~Job() { std::filesystem::remove_all(folder); }
-    std::string folder;
-    AppState state;
-};
+using bench::Job;
 
 void BM_GenereGCode(benchmark::State& run, const std::string& machine)
 {

@@ -1,10 +1,16 @@
 #pragma once
-// The generated song of the plan and writer benchmarks, as event lines.
+// The generated song of the plan and writer benchmarks, as event lines, and a job that
+// holds it in a temporary Documents folder.
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
+
+#include "app/app_state.h"
+#include "scales/scale_file.h"
 
 namespace bench {
 
@@ -36,5 +42,27 @@ inline std::vector<std::string> generatedSong(int noteCount)
     lines.emplace_back("ENDF 9999999");
     return lines;
 }
+
+// The application state of a 20,000-note song on the built-in scale, for machine ("Laser"
+// or "Punch"), with a Documents folder of its own that goes with the job.
+struct Job {
+    explicit Job(const std::string& machine)
+    {
+        char pattern[] = "/tmp/veltrin_bench_XXXXXX";
+        folder = mkdtemp(pattern);
+        state.dossier_documents = folder;
+        state.chemin_morceau = "/songs/bench.mid";
+        state.settings.Type_machine = machine;
+        veltrin::MessageLog log;
+        veltrin::Def_standard(folder, state.settings, state.scale, log);
+        state.Liste_tran = generatedSong(20000);
+    }
+    ~Job() { std::filesystem::remove_all(folder); }
+    Job(const Job&) = delete;
+    Job& operator=(const Job&) = delete;
+
+    std::string folder;
+    veltrin::AppState state;
+};
 
 }  // namespace bench

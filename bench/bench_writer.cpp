@@ -26,28 +26,14 @@ using veltrin::AppState;
 using bench::generatedSong;
 
 // A song planned and ordered once; the benchmarks only write its program.
-struct Job {
-    explicit Job(const std::string& machine)
-    {
-        char pattern[] = "/tmp/veltrin_bench_writer_XXXXXX";
-        folder = mkdtemp(pattern);
-        state.dossier_documents = folder;
-        state.chemin_morceau = "/songs/bench.mid";
-        state.settings.Type_machine = machine;
-        veltrin::MessageLog log;
-        veltrin::Def_standard(folder, state.settings, state.scale, log);
-        state.Liste_tran = generatedSong(20000);
-        ok = veltrin::Genere_GCode(state, false, false).ok();
-    }
-    ~Job() { std::filesystem::remove_all(folder); }
-    std::string folder;
-    AppState state;
+struct PlannedJob : bench::Job {
+    explicit PlannedJob(const std::string& machine) : Job(machine) { ok = veltrin::Genere_GCode(state, false, false).ok(); }
     bool ok = false;
 };
 
 void BM_WriteProgram(benchmark::State& run, const std::string& machine)
 {
-    Job job(machine);
+    PlannedJob job(machine);
     if (!job.ok) {
         run.SkipWithError("the song could not be planned");
         return;
@@ -73,7 +59,7 @@ BENCHMARK_CAPTURE(BM_WriteProgram, punch, std::string("Punch"))->Unit(benchmark:
 // Genere_GCode keeping the plan and its order: the program, its file and the report.
 void BM_WriteProgramFile(benchmark::State& run, const std::string& machine)
 {
-    Job job(machine);
+    PlannedJob job(machine);
     if (!job.ok) {
         run.SkipWithError("the song could not be planned");
         return;
