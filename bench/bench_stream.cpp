@@ -30,7 +30,7 @@ Rig* g_rig = nullptr;
 bool startRig(Rig& rig)
 {
     rig.emulator.start(QStringLiteral(VELTRIN_CLI),
-                       {"emulate", "--speed", "0", "--boot-ms", "50", "--factory-settings"});
+                       {"emulate", "--speed", "0", "--boot-ms", "50", "--factory-settings", "--laser-mode", "1"});
     if (!rig.emulator.waitForReadyRead(10000))
         return false;
     const QString pty = QString::fromUtf8(rig.emulator.readLine()).trimmed();

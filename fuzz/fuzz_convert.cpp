@@ -1,7 +1,7 @@
 // libFuzzer entry for the convert path: any bytes go through the decoder, the pairing of note
 // starts and ends, the split into pieces, the travel order, the band-width measures and the
 // program writer, and each of their fast paths must give what a plain model written here
-// gives. Any difference aborts.
+// gives; the roll cleanup of the same notes must keep its rules. Any difference aborts.
 //   fuzz_convert -max_total_time=600 CORPUS_DIR tests/data/midi examples
 //
 // The last bytes of the input choose the settings (machine, scale, speeds, bridges, marks)
@@ -430,6 +430,38 @@ void checkProgram(const veltrin::WriterInput& input, double plainDistance)
     check(program.totals.nb_frappes == (input.values.laser ? 0.0 : static_cast<double>(holes)));
 }
 
+// ---- Roll cleanup --------------------------------------------------------------------------
+
+// The cleanup of the same notes: off, the plan is the split's; on, every track's holes keep
+// their card and their minimum length, and the merged notes leave the list.
+void checkCleanup(const Lines& noteLines, bool fractionner, veltrin::PlanValues values,
+                  const veltrin::OrganScale& scale, const veltrin::SplitResult& plain)
+{
+    values.rollCleanup = false;
+    check(veltrin::planSplit(noteLines, fractionner, values, scale).pieces == plain.pieces);
+    values.rollCleanup = true;
+    const veltrin::RollCleanupValues r = veltrin::rollCleanupValues(values, fractionner);
+    std::vector<veltrin::PlanNote> notes = veltrin::placeNotes(noteLines, scale);
+    const std::size_t placed = notes.size();
+    const veltrin::RollCleanupCounts counts = veltrin::cleanRoll(notes, r);
+    check(notes.size() + static_cast<std::size_t>(counts.merged) == placed);
+    check(veltrin::planSplit(noteLines, fractionner, values, scale).cleanup == counts);
+    std::sort(notes.begin(), notes.end(), [](const veltrin::PlanNote& a, const veltrin::PlanNote& b) {
+        return a.piste != b.piste ? a.piste < b.piste : a.startMs < b.startMs;
+    });
+    const auto holeEnd = [&r](const veltrin::PlanNote& n) {
+        return r.laser ? n.endMs : std::max(n.endMs, n.startMs + r.strike);
+    };
+    constexpr double kSlack = 1e-6;  // times are whole ms, but a hand-written start need not be
+    for (std::size_t i = 0; i < notes.size(); ++i) {
+        if (notes[i].piste < 0)
+            continue;
+        check(holeEnd(notes[i]) - notes[i].startMs >= r.minHole - kSlack);
+        if (i > 0 && notes[i - 1].piste == notes[i].piste)
+            check(notes[i].startMs - holeEnd(notes[i - 1]) >= r.separation - kSlack);
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -536,5 +568,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     input.Laser_power = "1000";
     input.header = tail.bits(1) == 0;
     checkProgram(input, walkPlainly(finale, values, marks));
+
+    // 6. The roll cleanup of the same notes, with a minimum hole of its own.
+    veltrin::PlanValues cleaned = values;
+    cleaned.temps_trou_min = veltrin::leadingNumber(tail.pick({"3", "0", "8", "1.5"})) * 1000.0 / values.Vitcarton;
+    checkCleanup(noteLines, fractionner, cleaned, scale, split);
     return 0;
 }

@@ -10,6 +10,7 @@
 #include "app/message_log.h"
 #include "app/settings.h"
 #include "plan/piece.h"
+#include "plan/roll_cleanup.h"
 #include "scales/organ_scale.h"
 
 namespace veltrin {
@@ -70,10 +71,22 @@ struct AppState {
     // For each hole written into the last program: its piece and the index of its first
     // program line (0 = the title line).
     std::vector<std::pair<Piece, int>> writtenHoles;
+    // The settings the last program written was made with, as (key, value) pairs (see
+    // midi/resume_file.h); the record file beside the program holds the same. A job takes
+    // the roll speed and the resume file's settings from here.
+    std::vector<std::pair<std::string, std::string>> programSettings;
+    // A song opened from a resume file: the values its interrupted program was made with, and
+    // the operator's values at the import. Every generation of that song (marks, a changed
+    // Fourchette...) uses the former for each key the operator has not changed since; the
+    // operator's settings themselves are never replaced. Opening another song clears both.
+    std::vector<std::pair<std::string, std::string>> songPlanSettings;
+    std::vector<std::pair<std::string, std::string>> settingsAtResume;
     // notes_hors_gamme ("notes out of scale"): notes of the song with no track in the scale.
     int notes_hors_gamme = 0;
     // piste_courante ("current track"): the track of the last note split.
     int piste_courante = 0;
+    // What the roll cleanup of the last split changed (the report tells it).
+    RollCleanupCounts rollCleanup;
 
     // Running totals of the last generation (each generation starts them from 0):
     // nb_frappes (punch strikes), distance_totale (travel between holes, mm), longueur_coupe

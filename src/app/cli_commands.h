@@ -19,15 +19,21 @@ void addDecodeCommand(CLI::App& app, int& exitCode);
 
 // convert SONG.mid|SONG.mid.rep [--machine laser|punch] [--scale NAME] [--set KEY=VALUE]...
 // [--start-mark MS] [--end-mark MS] [--no-width-search] [--out PATH] [--defaults]: the open
-// command; prints the import's log and the program's path.
+// command; prints the import's log and the program's path. A setting or a mark that the
+// generation refuses, a song that cannot be read and an --out that is not a new or regular
+// file (or is the song) end the run with exit 2 before anything is written.
 void addConvertCommand(CLI::App& app, int& exitCode);
 
 // scales: the organ scale names, built-ins first, then the Instruments folder's files.
 void addScalesCommand(CLI::App& app, int& exitCode);
 
+// settings: every key of the settings store with its stored value, default, unit and meaning.
+void addSettingsCommand(CLI::App& app, int& exitCode);
+
 // stream PROGRAM.gcode --port PORT [--simulate] [--song SONG.mid] [--set KEY=VALUE]...
 // [--defaults]: Punch on that file; the log on stdout; exit 0 after "End of punch", 1 when
-// not connected, cancelled or failed.
+// not connected, cancelled or failed, 2 for a file that is not a G-code program (a folder,
+// an empty file, binary bytes, a MIDI file, other text).
 void addStreamCommand(CLI::App& app, int& exitCode);
 
 // console --port PORT [--set KEY=VALUE]... [--defaults]: Grbl commands from stdin, each

@@ -1,6 +1,8 @@
 // veltrin-cli console: the console line of the desktop application on stdin. Each line read
 // is sent as a Grbl command and waits for its answer; the log is printed as the application
 // shows it ("$$" annotated). End of input ends the run once the last command is answered.
+// A command that the controller leaves unanswered (no status report for 5 s, or a limit
+// alarm) is given up with a message; a line holding only Ctrl-X sends Grbl's soft reset.
 
 #include <CLI/CLI.hpp>
 
@@ -44,7 +46,13 @@ int runConsole(const ConsoleArgs& args)
         if (inputEnded && !port.link().commandPending())
             QCoreApplication::exit(0);
     };
-    QObject::connect(&port, &MachinePort::commandFinished, QCoreApplication::instance(), [&] { finishIfDone(); });
+    QObject::connect(&port, &MachinePort::commandFinished, QCoreApplication::instance(),
+                     [&](const QString&, const QString& reply) {
+                         // Given up, or lost to a restart.
+                         if (reply.isEmpty())
+                             failed = true;
+                         finishIfDone();
+                     });
     const auto watchPort = QObject::connect(&port, &MachinePort::stateChanged, QCoreApplication::instance(), [&] {
         if (!port.isOpen()) {
             failed = true;
@@ -67,7 +75,10 @@ int runConsole(const ConsoleArgs& args)
             pending.erase(0, end + 1);
             if (!line.empty() && line.back() == '\r')
                 line.pop_back();
-            port.link().consoleCommand(line);
+            if (line == "\x18")
+                port.link().softReset();
+            else
+                port.link().consoleCommand(line);
         }
         if (got <= 0) {
             input.setEnabled(false);

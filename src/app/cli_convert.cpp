@@ -6,6 +6,7 @@
 
 #include <QLocale>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -18,9 +19,12 @@
 #include "app/cli_commands.h"
 #include "app/data_folders.h"
 #include "app/folders_qt.h"
+#include "app/input_files.h"
 #include "app/settings_store_qt.h"
 #include "app/startup.h"
+#include "midi/resume_file.h"
 #include "midi/song_import.h"
+#include "plan/plan_checks.h"
 #include "scales/scale_file.h"
 #include "view/marks.h"
 
@@ -65,13 +69,68 @@ const char* importErrorText(ImportError error)
         return "cannot read the song";
     case ImportError::ProgramNotWritten:
         return "the program was not written";
+    case ImportError::SettingsRefused:
+        return "no program written";
     }
     return "import failed";
+}
+
+// The song (or resume file) must be a file that reads; a resume file's song too.
+std::string inputProblem(const std::string& input, std::vector<std::string>& inputs)
+{
+    inputs.push_back(input);
+    if (std::string problem = fileProblem(input); !problem.empty())
+        return "cannot read " + input + ": " + problem;
+    if (isResumePath(input)) {
+        auto resume = readResumeFile(input);
+        if (resume && !resume->songPath.empty()) {
+            inputs.push_back(resume->songPath);
+            if (std::string problem = fileProblem(resume->songPath); !problem.empty())
+                return "cannot read the song of " + input + ", " + resume->songPath + ": " + problem;
+        }
+    }
+    return {};
+}
+
+// --out names a new file or a regular file to replace, never one of the files read.
+std::string outProblem(const std::string& out, const std::vector<std::string>& inputs)
+{
+    namespace fs = std::filesystem;
+    std::error_code error;
+    const fs::file_status status = fs::status(out, error);
+    if (status.type() == fs::file_type::not_found)
+        return {};
+    if (status.type() == fs::file_type::directory)
+        return "--out " + out + ": a folder, not a file";
+    if (status.type() != fs::file_type::regular)
+        return "--out " + out + ": not a regular file (a device, a pipe or a socket)";
+    for (const std::string& input : inputs) {
+        if (fs::equivalent(out, input, error))
+            return "--out " + out + ": that is " + input + ", which is read; choose another file";
+    }
+    return {};
 }
 
 int runConvert(const ConvertArgs& args)
 {
     const StartupFolders folders = platformFolders();
+
+    std::vector<std::string> inputs;
+    if (std::string problem = inputProblem(args.song, inputs); !problem.empty()) {
+        std::fprintf(stderr, "veltrin-cli convert: %s\n", problem.c_str());
+        return kExitUsage;
+    }
+    if (!args.out.empty()) {
+        if (std::string problem = outProblem(args.out, inputs); !problem.empty()) {
+            std::fprintf(stderr, "veltrin-cli convert: %s\n", problem.c_str());
+            return kExitUsage;
+        }
+    }
+    // The marks are checked before anything is written: the whole program comes first.
+    if (auto marks = checkMarks(args.startMark, args.endMark.value_or(500000.0)); !marks) {
+        std::fprintf(stderr, "veltrin-cli convert: %s\n", marks.detail().c_str());
+        return kExitUsage;
+    }
 
     // This run's settings: the stored ones (none with --defaults), then --set, then the
     // dedicated options. None of them is saved.
@@ -82,8 +141,11 @@ int runConvert(const ConvertArgs& args)
         overrides.push_back("Standard=" + args.scale);
 
     std::unique_ptr<QtSettingsStore> stored;
-    if (!args.defaults)
+    if (!args.defaults) {
         stored = std::make_unique<QtSettingsStore>();
+        if (const std::string problem = stored->problem(); !problem.empty())
+            std::fprintf(stderr, "veltrin-cli convert: %s\n", problem.c_str());
+    }
 
     AppState state;
     // The report's figures follow the operator's locale, as in the window; the program's
@@ -99,14 +161,31 @@ int runConvert(const ConvertArgs& args)
                      started.detail().c_str());
         return kExitUsage;
     }
+    // The start-up log is not the import's, but its warnings (a scale file that does not say
+    // what its maker meant) are worth reading.
+    const std::string startupLog = state.user_msg_list.text();
+    for (std::size_t at = 0; at < startupLog.size();) {
+        std::size_t end = startupLog.find("\r\n", at);
+        if (end == std::string::npos)
+            end = startupLog.size();
+        const std::string line = startupLog.substr(at, end - at);
+        if (line.starts_with("Warning: "))
+            std::fprintf(stderr, "veltrin-cli convert: %s\n", line.c_str());
+        at = end + 2;
+    }
     // The scale may come from --scale, --set Standard=... or the stored settings: a file
     // scale whose file is not there would put every note out of the scale.
     const std::string& scale = state.settings.Standard;
-    if (!isBuiltInScale(scale)) {
-        const std::filesystem::path file = instrumentsFolder(state.dossier_documents) + "/" + scale + ".txt";
-        if (!std::filesystem::is_regular_file(file)) {
-            std::fprintf(stderr, "veltrin-cli convert: unknown scale \"%s\" (no %s)\n",
-                         scale.c_str(), file.string().c_str());
+    if (!isBuiltInScale(scale) && scaleFilePath(state.dossier_documents, scale).empty()) {
+        const std::string file = instrumentsFolder(state.dossier_documents) + "/" + scale + ".txt";
+        std::fprintf(stderr, "veltrin-cli convert: unknown scale \"%s\" (no %s)\n", scale.c_str(), file.c_str());
+        return kExitUsage;
+    }
+    // Settings that would make a program Grbl rejects or misreads stop the run here, before
+    // the song is even decoded (a resume file brings its own, checked by the generation).
+    if (!isResumePath(args.song)) {
+        if (auto checked = checkGenerationSettings(state.settings, state.scale); !checked) {
+            std::fprintf(stderr, "veltrin-cli convert: %s\n", checked.detail().c_str());
             return kExitUsage;
         }
     }
@@ -118,7 +197,10 @@ int runConvert(const ConvertArgs& args)
     ImportOptions options;
     // The band width the search chooses is saved, as in the application.
     options.store = stored.get();
-    options.widthSearch = !args.noWidthSearch;
+    // A band width given with --set is used as given: no search replaces it.
+    const bool widthGiven = std::any_of(args.assignments.begin(), args.assignments.end(),
+                                        [](const std::string& a) { return a.starts_with("Fourchette="); });
+    options.widthSearch = !args.noWidthSearch && !widthGiven;
     auto imported = Ouvre_midi(state, {args.song}, 0, options);
     if (imported && imported->decoderError != 0) {
         std::fflush(stdout);
@@ -141,7 +223,7 @@ int runConvert(const ConvertArgs& args)
             std::fflush(stdout);
             std::fprintf(stderr, "veltrin-cli convert: the program between marks was not written: %s\n",
                          written.detail().c_str());
-            return kExitFailed;
+            return written.error() == PlanError::CannotWriteProgram ? kExitFailed : kExitUsage;
         }
         program = written.value();
     }
@@ -159,14 +241,18 @@ void addConvertCommand(CLI::App& app, int& exitCode)
     CLI::App* command = app.add_subcommand(
         "convert", "Turn a song (.mid) or a resume file (.mid.rep) into a G-code program, as "
                    "\"Open midi file...\" does; prints the log and the program's path");
-    command->add_option("song", args->song, "MIDI file (.mid) or resume file (.rep)")->required();
+    command->add_option("song", args->song,
+                        "MIDI file (.mid) or resume file (.rep: the song is made again with the "
+                        "settings of its interrupted program, none of them saved)")
+        ->required();
     command->add_option("--machine", args->machine, "Machine for this run: laser or punch")
         ->transform(CLI::IsMember({"laser", "punch"}, CLI::ignore_case));
     command->add_option("--scale", args->scale,
                         "Organ scale for this run: a built-in name or a scale file of the "
                         "Instruments folder (without .txt)");
     command->add_option("--set", args->assignments,
-                        "KEY=VALUE: a setting for this run only, not saved (repeatable)")
+                        "KEY=VALUE: a setting for this run only, not saved (repeatable); "
+                        "Fourchette given so is used as given, without the width search")
         ->expected(1)
         ->take_all();
     command->add_option("--start-mark", args->startMark,
@@ -177,7 +263,8 @@ void addConvertCommand(CLI::App& app, int& exitCode)
                       "Keep Fourchette instead of searching the best band width");
     command->add_option("--out", args->out,
                         "Write the program here instead of the Temp folder (with a mark: the "
-                        "program between the marks)");
+                        "program between the marks): a new file or a file to replace, never the "
+                        "song read");
     command->add_flag("--defaults", args->defaults,
                       "Ignore the stored settings (every key at its default); nothing is saved");
     command->callback([args, &exitCode] { exitCode = runConvert(*args); });

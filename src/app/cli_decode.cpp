@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "app/cli_commands.h"
+#include "app/input_files.h"
 #include "midi/mdlvert.h"
 
 namespace veltrin::cli {
@@ -53,8 +54,8 @@ bool readFile(const std::string& path, std::vector<std::uint8_t>& bytes, std::st
 int runDecode(const DecodeArgs& args)
 {
     std::vector<std::uint8_t> bytes;
-    std::string reason;
-    if (!readFile(args.path, bytes, reason)) {
+    std::string reason = fileProblem(args.path);
+    if (!reason.empty() || !readFile(args.path, bytes, reason)) {
         std::fprintf(stderr, "veltrin-cli decode: cannot read %s: %s\n", args.path.c_str(),
                      reason.c_str());
         return kExitUsage;

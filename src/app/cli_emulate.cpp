@@ -88,7 +88,8 @@ int runEmulate(EmulateArgs args)
     }
     std::printf("%s\n", pty.slavePath().toLocal8Bit().constData());
     std::fflush(stdout);
-    std::fprintf(stderr, "emulate: Grbl 1.1h on %s%s%s; Ctrl+C ends it\n",
+    std::fprintf(stderr, "emulate: %s on %s%s%s; Ctrl+C ends it\n",
+                 args.options.okToEverything ? "a board that answers ok to everything" : "Grbl 1.1h",
                  pty.slavePath().toLocal8Bit().constData(), args.link.empty() ? "" : " and ",
                  args.link.c_str());
 
@@ -125,6 +126,11 @@ void addEmulateCommand(CLI::App& app, int& exitCode)
                       "A stock 1.1h image without single-axis homing (\"$HX\" gives error:3)");
     command->add_flag("--factory-settings", options.factorySettings,
                       "Start from Grbl's default settings (homing off, no alarm lock)");
+    command->add_option("--laser-mode", options.laserMode,
+                        "Laser mode $32 at power-up (default 1; 0 with --factory-settings)")
+        ->check(CLI::Range(0, 1));
+    command->add_flag("--ok-to-everything", options.okToEverything,
+                      "Not Grbl: answer \"ok\" to every line, nothing else (no welcome text, no \"?\")");
     command->add_option("--boot-ms", options.bootMs, "Delay from reset to welcome text (ms)")
         ->check(CLI::NonNegativeNumber);
     command->add_flag("--split-replies", options.splitReplies,

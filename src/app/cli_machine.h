@@ -64,7 +64,8 @@ inline bool startMachineRun(const char* command, AppState& state, bool defaults,
 inline bool openAndDetect(const char* command, MachinePort& port, const std::string& portName)
 {
     if (!port.openPort(QString::fromStdString(portName))) {
-        std::fprintf(stderr, "veltrin-cli %s: cannot open the port %s\n", command, portName.c_str());
+        std::fprintf(stderr, "veltrin-cli %s: cannot open the port %s: %s\n", command, portName.c_str(),
+                     port.openError().toLocal8Bit().constData());
         return false;
     }
     bool found = false;

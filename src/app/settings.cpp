@@ -37,6 +37,8 @@ const std::vector<SettingKey>& settingKeys()
         {"TalonAF", "10"},
         {"duree_trou_poincon", "999"},
         {"duree_metre_laser", "999"},
+        {"RollCleanup", "1"},
+        {"MinHoleLength", "3"},
     };
     return keys;
 }
@@ -87,6 +89,8 @@ std::string* settingField(Settings& settings, std::string_view key)
         {"BassesAF", &Settings::BassesAF},
         {"duree_trou_poincon", &Settings::duree_trou_poincon},
         {"duree_metre_laser", &Settings::duree_metre_laser},
+        {"RollCleanup", &Settings::RollCleanup},
+        {"MinHoleLength", &Settings::MinHoleLength},
     };
     for (const FieldOf& entry : fields) {
         if (entry.key == key)

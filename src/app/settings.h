@@ -11,7 +11,7 @@ namespace veltrin {
 struct Settings {
     // AdressePort: serial port name, stored under the key "Port".
     std::string AdressePort = "3";
-    // Type_machine: "Laser" for the laser; any other value means the punch.
+    // Type_machine: "Laser" for the laser, "Punch" for the punch (any case).
     std::string Type_machine = "Laser";
     // VitesseF / OrigineX: laser feed (mm/min) and homing point to roll X origin (mm).
     std::string VitesseF = "800";
@@ -48,8 +48,29 @@ struct Settings {
     // Learned durations; "999" until first measured.
     std::string duree_trou_poincon = "999";
     std::string duree_metre_laser = "999";
+    // RollCleanup: "1" cleans each track's notes before the split (overlapping notes become
+    // one run, back-to-back repeats keep card between them, no hole under MinHoleLength);
+    // "0" splits the notes as they are.
+    std::string RollCleanup = "1";
+    // MinHoleLength: the shortest hole the cleanup leaves along the roll, mm. 3 mm is the
+    // hole of one default punch strike, which organs read; at the default 60 mm/s it is the
+    // 50 ms the split keeps for a note's last piece, and it is many times the laser's kerf.
+    // A punched hole is never shorter than one strike (L_poincon) anyway.
+    std::string MinHoleLength = "3";
 
-    bool isLaser() const { return Type_machine == "Laser"; }
+    // "Laser" in any case ("laser", "LASER") is the laser.
+    bool isLaser() const
+    {
+        constexpr std::string_view kLaser = "laser";
+        if (Type_machine.size() != kLaser.size())
+            return false;
+        for (std::size_t i = 0; i < kLaser.size(); ++i) {
+            const char c = Type_machine[i];
+            if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) != kLaser[i])
+                return false;
+        }
+        return true;
+    }
 };
 
 // A settings field read as a number (leading-number rule: "." separator, no number -> 0).

@@ -15,6 +15,8 @@ public:
     // The stored text of key, or nullopt when the key is missing.
     virtual std::optional<std::string> read(std::string_view key) = 0;
     virtual void write(std::string_view key, std::string_view value) = 0;
+    // Why the store could not be read (its path and the reason), or empty: the start-up logs it.
+    virtual std::string problem() const { return {}; }
 
     std::string read(std::string_view key, std::string_view defaultValue)
     {

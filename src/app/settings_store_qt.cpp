@@ -32,6 +32,20 @@ std::optional<std::string> QtSettingsStore::read(std::string_view key)
     return value.toString().toStdString();
 }
 
+std::string QtSettingsStore::problem() const
+{
+    const std::string path = m_settings.fileName().toStdString();
+    switch (m_settings.status()) {
+    case QSettings::NoError:
+        return {};
+    case QSettings::AccessError:
+        return "Settings file cannot be opened (every setting takes its default): " + path;
+    case QSettings::FormatError:
+        return "Settings file is not in the settings format (what cannot be read takes its default): " + path;
+    }
+    return {};
+}
+
 void QtSettingsStore::write(std::string_view key, std::string_view value)
 {
     m_settings.setValue(startupKey(key),

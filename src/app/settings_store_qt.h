@@ -16,6 +16,9 @@ public:
     using SettingsStore::read;
     std::optional<std::string> read(std::string_view key) override;
     void write(std::string_view key, std::string_view value) override;
+    // "Settings file ...: <path>" when QSettings met a format error (the keys it could not
+    // read take their defaults) or an access error (all of them do), else empty.
+    std::string problem() const override;
 
 private:
     QSettings m_settings;

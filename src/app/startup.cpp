@@ -58,6 +58,8 @@ void Form_Load(AppState& state, SettingsStore& store, const StartupFolders& fold
                const StartupHooks& hooks)
 {
     Settings& settings = state.settings;
+    if (const std::string problem = store.problem(); !problem.empty())
+        state.user_msg_list.append(problem);
 
     // 1. dossier_appli, with its trailing separator.
     state.dossier_appli = folders.applicationDir;
@@ -109,6 +111,9 @@ void Form_Load(AppState& state, SettingsStore& store, const StartupFolders& fold
     // 10. The learned durations.
     loadSetting(store, "duree_trou_poincon", settings.duree_trou_poincon);
     loadSetting(store, "duree_metre_laser", settings.duree_metre_laser);
+    // The roll cleanup before the split.
+    loadSetting(store, "RollCleanup", settings.RollCleanup);
+    loadSetting(store, "MinHoleLength", settings.MinHoleLength);
 
     // 11. to 14.
     if (hooks.paintRoll)
@@ -147,6 +152,8 @@ void quitter_Click(AppState& state, SettingsStore& store, const ShutdownHooks& h
     // 3. The learned durations.
     store.write("duree_trou_poincon", settings.duree_trou_poincon);
     store.write("duree_metre_laser", settings.duree_metre_laser);
+    store.write("RollCleanup", settings.RollCleanup);
+    store.write("MinHoleLength", settings.MinHoleLength);
 
     // 4. to 6.
     if (hooks.closeMidi)

@@ -41,7 +41,8 @@ struct ShutdownHooks {
     std::function<void()> endProgram; // 6. close the windows and leave the event loop
 };
 
-// Form_Load: the start-up sequence. Reads every setting (a missing key gives its default,
+// Form_Load: the start-up sequence. Logs the store's problem (a settings file that could not
+// be read, with its path) first. Reads every setting (a missing key gives its default,
 // a value that is no number is kept as text), creates the Instruments and Temp folders
 // when missing (logging "Folder created: <path>"), installs the active scale and lets the
 // stored values of a built-in scale replace its built-in ones, then sets facteur_zoom and
@@ -78,6 +79,7 @@ public:
     using SettingsStore::read;
     std::optional<std::string> read(std::string_view key) override;
     void write(std::string_view key, std::string_view value) override;
+    std::string problem() const override { return m_base ? m_base->problem() : std::string(); }
 
 private:
     SettingsStore* m_base;

@@ -111,7 +111,10 @@ GrblEmulator::GrblEmulator(GrblEmulatorOptions options) : m_options(std::move(op
     if (!m_options.factorySettings) {
         m_settings[22].value = 1;  // homing on
         m_settings[23].value = 1;  // X homes towards minus
+        m_settings[32].value = 1;  // laser mode
     }
+    if (m_options.laserMode >= 0)
+        m_settings[32].value = m_options.laserMode != 0 ? 1 : 0;
     if (!m_options.recordPath.empty())
         m_record.open(m_options.recordPath, std::ios::out | std::ios::trunc | std::ios::binary);
     powerUp(0);
@@ -158,6 +161,16 @@ void GrblEmulator::receive(std::string_view bytes)
         if (m_hungUp)
             return;
         const auto byte = static_cast<unsigned char>(c);
+        if (m_options.okToEverything) {
+            if (byte == 0x18 || c == '?' || c == '!' || c == '~' || byte >= 0x80)
+                continue;
+            record(c);
+            if (c == '\r' || c == '\n') {
+                const int lineNo = ++m_lineCount;
+                respond(lineNo, "ok");
+            }
+            continue;
+        }
         // Real-time commands are picked out by the serial interrupt, wherever they stand.
         if (byte == 0x18 || c == '?' || c == '!' || c == '~' || byte >= 0x80) {
             realtime(byte);
@@ -420,9 +433,11 @@ void GrblEmulator::settle()
         changed = false;
         if (m_booting && m_nowMs >= m_bootEndMs) {
             m_booting = false;
-            sendRaw(std::string(kWelcome));
-            if (m_state == State::Alarm)
-                sendLine(kUnlockHint);
+            if (!m_options.okToEverything) {
+                sendRaw(std::string(kWelcome));
+                if (m_state == State::Alarm)
+                    sendLine(kUnlockHint);
+            }
             changed = true;
         }
         if (retireBlocks())
@@ -633,7 +648,10 @@ std::optional<int> GrblEmulator::executeSystem(int lineNo, const std::string& li
         return ok();
     }
     if (line == "$I") {
-        sendLine("[VER:1.1h.20190830:]");
+        // The build info tells a host that this board is an emulator running at this pace.
+        char speed[32];
+        const auto end = std::to_chars(speed, speed + sizeof speed, m_options.speed).ptr;
+        sendLine("[VER:1.1h.20190830:emulator x" + std::string(speed, end) + "]");
         sendLine("[OPT:V,15,128]");
         return ok();
     }

@@ -49,6 +49,12 @@ struct GrblEmulatorOptions {
     // power-up). By default the board is set up as our machines are: $22=1 (homing on, so it
     // powers up locked with "[MSG:'$H'|'$X' to unlock]") and $23=1 (X homes towards minus).
     bool factorySettings = false;
+    // Laser mode $32: -1 leaves the board's default, which is 1 on our machines' board (they
+    // cut with a laser, which must be off during G0 travel) and 0 with factory settings.
+    int laserMode = -1;
+    // Not Grbl at all: a board that answers "ok" to every line and nothing else (no welcome
+    // text, real-time bytes ignored, "?" unanswered).
+    bool okToEverything = false;
     // From a power-up or port opening (board reset through DTR) to the welcome text, in ms.
     // Bytes that arrive meanwhile are lost, as on a board still in its boot loader.
     int bootMs = 1000;

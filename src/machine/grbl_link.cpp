@@ -3,6 +3,9 @@
 #include "app/app_state.h"
 #include "app/numeric_text.h"
 
+#include <algorithm>
+#include <cstdio>
+
 namespace veltrin {
 
 JobProgram programForJob(const AppState& state, std::vector<std::string> lines, std::string fileName)
@@ -11,10 +14,18 @@ JobProgram programForJob(const AppState& state, std::vector<std::string> lines, 
     program.lines = std::move(lines);
     program.fileName = std::move(fileName);
     program.songPath = state.chemin_morceau;
-    program.Fourchette = state.settings.Fourchette;
-    program.laser = state.settings.isLaser();
-    program.Vitcarton = leadingNumber(state.settings.Vitcarton);
-    program.L_poincon = leadingNumber(state.settings.L_poincon);
+    // The values the program was made with (its record, state.programSettings) where known,
+    // else the current settings.
+    Settings made = state.settings;
+    for (const auto& [key, value] : state.programSettings) {
+        if (std::string* field = settingField(made, key); field && key != "Port")
+            *field = value;
+    }
+    program.planSettings = state.programSettings;
+    program.Fourchette = made.Fourchette;
+    program.laser = made.isLaser();
+    program.Vitcarton = leadingNumber(made.Vitcarton);
+    program.L_poincon = leadingNumber(made.L_poincon);
     return program;
 }
 
@@ -24,6 +35,12 @@ GrblLink::GrblLink(AppState& state)
       m_job(m_log),
       m_annotator(state.Liste_commentaires_grbl)
 {
+}
+
+void GrblLink::setTimings(const LinkTimings& timings)
+{
+    m_timings = timings;
+    m_job.setBannerWaitMs(timings.bannerWaitMs);
 }
 
 void GrblLink::setPortOpen(bool open)
@@ -56,6 +73,10 @@ void GrblLink::connexion_on(std::int64_t nowMs, bool quiet)
     m_now = nowMs;
     m_lines.clear();
     m_owedResponses = 0;
+    m_status = MachineStatus{};
+    m_statusAskedMs.reset();
+    m_lastStatusMs = nowMs;
+    m_critical = false;
     m_detection = Detection::Banner;
     m_detectionDeadlineMs = nowMs + kDetectionWaitMs;
 }
@@ -104,6 +125,10 @@ void GrblLink::connexion_off()
     m_state->connecte = false;
     m_owedResponses = 0;
     m_lines.clear();
+    m_status.known = false;
+    m_statusAskedMs.reset();
+    m_waiting = false;
+    m_critical = false;
     if (m_command) {
         m_actions.emplace_back(CommandDone{m_command->text, {}});
         m_command.reset();
@@ -146,31 +171,87 @@ bool GrblLink::consoleCommand(std::string text)
 
 void GrblLink::sendQueued()
 {
-    if (m_command || m_queue.empty() || detecting() || m_job.running() || !m_portOpen)
+    if (m_command || detecting() || m_job.running() || !m_portOpen)
+        return;
+    // Deaf after a limit alarm: every command up to a soft reset is refused at once.
+    while (m_critical && !m_queue.empty() && !m_queue.front().reset) {
+        Command refused = std::move(m_queue.front());
+        m_queue.pop_front();
+        m_log.line("Grbl answers nothing after a limit alarm until a soft reset (Ctrl-X): command not sent: \"" +
+                   refused.text + "\"");
+        m_actions.emplace_back(CommandDone{std::move(refused.text), {}});
+    }
+    if (m_queue.empty())
         return;
     m_command = std::move(m_queue.front());
     m_queue.pop_front();
-    if (m_command->console)
-        m_log.line(m_command->text);
-    else
-        m_log.raw(m_command->text);
-    if (m_command->annotate)
-        m_annotator.restart();
-    write(m_command->text + "\r");
+    if (m_command->reset) {
+        m_log.line("Soft reset (Ctrl-X)");
+        m_statusAskedMs.reset();
+        write("\x18");
+    } else {
+        if (m_command->console)
+            m_log.line(m_command->text);
+        else
+            m_log.raw(m_command->text);
+        if (m_command->annotate)
+            m_annotator.restart();
+        write(m_command->text + "\r");
+    }
+    m_waiting = true;
+    m_waitSinceMs = m_now;
+}
+
+void GrblLink::giveUpCommands(std::string_view why, bool queuedToo)
+{
+    if (!m_command && m_queue.empty())
+        return;
+    if (m_command) {
+        if (!m_command->console)
+            m_log.raw("\r\n");  // ends the command's log line
+        m_log.line(std::string(why) + ": \"" + m_command->text + "\"");
+        m_actions.emplace_back(CommandDone{m_command->text, {}});
+        m_command.reset();
+        // Should its answer come after all, it belongs to nobody.
+        ++m_owedResponses;
+    } else if (queuedToo) {
+        m_log.line(why);
+    }
+    m_nextRollJogPending = false;
+    if (!queuedToo)
+        return;
+    for (auto& queued : m_queue)
+        m_actions.emplace_back(CommandDone{std::move(queued.text), {}});
+    m_queue.clear();
+}
+
+void GrblLink::softReset()
+{
+    if (!m_portOpen || m_job.running())
+        return;
+    Command reset;
+    reset.text = "\x18";
+    reset.console = true;
+    reset.reset = true;
+    m_queue.push_back(std::move(reset));
+    sendQueued();
 }
 
 void GrblLink::commandLine(std::string_view line, const Reply& reply)
 {
-    if (m_command->annotate) {
+    const bool push = reply.kind == ReplyKind::Alarm || reply.kind == ReplyKind::Message ||
+                      reply.kind == ReplyKind::Banner;
+    if (m_command->annotate && !push) {
         m_log.line(m_annotator.annotate(line));
     } else if (m_command->console) {
-        m_log.line(line);
+        m_log.line(explainedReply(line));
     } else {
-        m_log.raw(" < " + std::string(line) + "\r\n");
+        m_log.raw(" < " + explainedReply(line) + "\r\n");
     }
     if (reply.kind == ReplyKind::Banner) {
-        // The board restarted: the command is lost and will never be answered.
-        m_actions.emplace_back(CommandDone{m_command->text, {}});
+        // The board restarted: the command is lost and will never be answered (a reset is
+        // answered so).
+        m_actions.emplace_back(CommandDone{m_command->text, m_command->reset ? std::string(line) : std::string()});
         m_command.reset();
         sendQueued();
         return;
@@ -179,6 +260,8 @@ void GrblLink::commandLine(std::string_view line, const Reply& reply)
         return;
     if (reply.kind == ReplyKind::Error && reply.code == 3 && m_command->text == "$HX")
         m_log.line("This board runs a Grbl without single-axis homing ($HX)");
+    if (reply.kind == ReplyKind::Error && reply.code == 5 && m_command->text.starts_with("$H"))
+        m_log.line("Homing is disabled on this board: send $22=1 to enable it");
     Command done = std::move(*m_command);
     m_command.reset();
     m_actions.emplace_back(CommandDone{std::move(done.text), std::string(line)});
@@ -339,14 +422,58 @@ void GrblLink::onBytes(std::string_view bytes)
         onLine(line);
 }
 
+void GrblLink::statusLine(std::string_view line)
+{
+    m_statusAskedMs.reset();
+    m_lastStatusMs = m_now;
+    if (const auto report = parseStatusReport(line)) {
+        if (report->hasWorkOffset)
+            std::copy(std::begin(report->workOffset), std::end(report->workOffset), m_workOffset);
+        m_status.known = true;
+        m_status.state = report->state;
+        m_status.atMs = m_now;
+        for (int axis = 0; axis < 3; ++axis)
+            m_status.machinePosition[axis] =
+                report->position[axis] + (report->machinePosition ? 0.0 : m_workOffset[axis]);
+    }
+    // The job learns from Idle which holes are cut (its resume file).
+    if (m_job.running())
+        m_job.onLine(line);
+    // Only a "?" typed at the console shows its report.
+    if (m_command && m_command->console && m_command->text.find('?') != std::string::npos)
+        m_log.line(line);
+}
+
 void GrblLink::onLine(std::string_view line)
 {
     const Reply reply = classifyReply(line);
-    if (reply.kind == ReplyKind::Banner)
+    if (reply.kind == ReplyKind::Banner) {
         m_owedResponses = 0;  // a restart cancels every answer still owed
+        m_critical = false;
+        m_statusAskedMs.reset();
+    }
     if (detecting()) {
         detectionLine(line, reply);
         return;
+    }
+    if (reply.kind == ReplyKind::Status) {
+        statusLine(line);
+        return;
+    }
+    const bool critical = (reply.kind == ReplyKind::Alarm && isCriticalAlarm(reply.code)) ||
+                          line == "[MSG:Reset to continue]";
+    if (critical && !m_critical) {
+        m_critical = true;
+        m_statusAskedMs.reset();
+        if (!m_job.running() && m_command) {
+            // Its answer will never come.
+            commandLine(line, reply);
+            giveUpCommands("Grbl answers nothing after a limit alarm until a soft reset (Ctrl-X): "
+                           "given up",
+                           false);
+            sendQueued();
+            return;
+        }
     }
     if (isResponse(reply) && m_owedResponses > 0) {
         --m_owedResponses;
@@ -363,8 +490,8 @@ void GrblLink::onLine(std::string_view line)
         commandLine(line, reply);
         return;
     }
-    // Nobody waits: a push message (a status report, an alarm, a welcome text after a reset).
-    m_log.raw(" < " + std::string(line) + "\r\n");
+    // Nobody waits: a push message (an alarm, a welcome text after a reset).
+    m_log.raw(" < " + explainedReply(line) + "\r\n");
 }
 
 void GrblLink::onTick(std::int64_t nowMs)
@@ -388,6 +515,7 @@ void GrblLink::onTick(std::int64_t nowMs)
         takeJobActions();
         syncFlags();
     }
+    pollAndWatch(nowMs);
     if (m_nextRollDueMs && nowMs >= *m_nextRollDueMs) {
         m_nextRollDueMs.reset();
         if (m_host) {
@@ -395,6 +523,56 @@ void GrblLink::onTick(std::int64_t nowMs)
                 envoi_programme(std::move(*program), nowMs);
         }
     }
+}
+
+void GrblLink::pollAndWatch(std::int64_t nowMs)
+{
+    if (m_timings.statusEveryMs <= 0 || !m_portOpen || !m_state->connecte || detecting() || m_critical) {
+        m_waiting = false;
+        return;
+    }
+    if (m_statusAskedMs && nowMs - *m_statusAskedMs >= m_timings.statusLostMs)
+        m_statusAskedMs.reset();
+    if (!m_statusAskedMs && nowMs - m_lastPollMs >= m_timings.statusEveryMs) {
+        m_statusAskedMs = nowMs;
+        m_lastPollMs = nowMs;
+        write("?");
+    }
+    const bool waiting = m_command.has_value() || m_job.streaming();
+    if (waiting && !m_waiting)
+        m_waitSinceMs = nowMs;
+    m_waiting = waiting;
+    if (!waiting || nowMs - std::max(m_lastStatusMs, m_waitSinceMs) < m_timings.silenceMs)
+        return;
+    m_waiting = false;
+    if (m_job.streaming()) {
+        m_job.controllerSilent(m_timings.silenceMs);
+        takeJobActions();
+        syncFlags();
+    } else {
+        giveUpCommands("The controller is not answering: no status report for " +
+                           plainNumber(static_cast<double>(m_timings.silenceMs) / 1000.0) + " s, command given up",
+                       true);
+        sendQueued();
+    }
+}
+
+std::string GrblLink::progressLine() const
+{
+    std::string out;
+    if (m_status.known) {
+        char position[96];
+        std::snprintf(position, sizeof position, " X%.3f Y%.3f", m_status.machinePosition[0],
+                      m_status.machinePosition[1]);
+        out = m_status.state + position;
+    }
+    if (m_job.running() || m_job.lineCount() > 0) {
+        if (!out.empty())
+            out += "  ";
+        out += "line " + std::to_string(m_job.progress()) + " of " + std::to_string(m_job.lineCount());
+        out += "  " + m_job.temps_restant() + " left";
+    }
+    return out;
 }
 
 std::vector<LinkAction> GrblLink::takeActions()

@@ -43,6 +43,27 @@ public:
 // roll speed, punch size and Fourchette of the settings.
 JobProgram programForJob(const AppState& state, std::vector<std::string> lines, std::string fileName);
 
+// The link's clocks. Tests shorten them; statusEveryMs 0 turns polling and the watchdog off.
+struct LinkTimings {
+    // "?" while connected, about 4 times a second, one unanswered at most.
+    std::int64_t statusEveryMs = 250;
+    // A "?" unanswered this long is taken as lost (it fell into a reset), and another may go.
+    std::int64_t statusLostMs = 1000;
+    // Watchdog: no status report this long while a job streams or a command waits.
+    std::int64_t silenceMs = 5000;
+    // A job's soft reset waits this long for the welcome text.
+    std::int64_t bannerWaitMs = JobStreamer::kBannerWaitMs;
+};
+
+// What the last status report said. Not logged: at 4 reports a second they would bury the
+// log; a console "?" shows its report.
+struct MachineStatus {
+    bool known = false;
+    std::string state;               // "Idle", "Run", "Hold:0", "Alarm", ...
+    double machinePosition[3] = {};  // MPos, or WPos + the last WCO
+    std::int64_t atMs = 0;
+};
+
 // Outputs of the link, carried out by the adapter.
 struct DetectionDone {
     bool grblFound = false;
@@ -62,6 +83,8 @@ public:
     explicit GrblLink(AppState& state);
 
     void setHost(JobHost* host) { m_host = host; }
+    void setTimings(const LinkTimings& timings);
+    const LinkTimings& timings() const { return m_timings; }
     // A copy of every text appended to the log, as appended (CR LF included).
     void setLogEcho(std::function<void(std::string_view)> echo) { m_log.setEcho(std::move(echo)); }
 
@@ -87,6 +110,15 @@ public:
     bool consoleCommand(std::string text);
     // Commands queued or unanswered.
     bool commandPending() const { return m_command.has_value() || !m_queue.empty(); }
+    // Ctrl-X: Grbl's soft reset (the only way out after ALARM:1), queued like a command and
+    // done when the welcome text comes.
+    void softReset();
+    // After ALARM:1 or ALARM:2 Grbl answers nothing, not even "?", until a soft reset.
+    bool controllerDeaf() const { return m_critical; }
+
+    const MachineStatus& status() const { return m_status; }
+    // One line for a progress display: state, machine position, line k of n, time left.
+    std::string progressLine() const;
 
     // The key table's machine commands (Alt+arrows, Alt+Z, Alt+P, Alt+L).
     void jog(char axis, int distanceMm);
@@ -116,6 +148,7 @@ private:
         std::string text;
         bool console = false;
         bool annotate = false;
+        bool reset = false;  // Ctrl-X: answered by the welcome text
     };
 
     void write(std::string bytes);
@@ -127,6 +160,10 @@ private:
     void jobEnded(const JobEnded& ended);
     void rouleau_suivant();
     void syncFlags();
+    void statusLine(std::string_view line);
+    // Gives up the command in flight (and, with queuedToo, those queued) with a log line.
+    void giveUpCommands(std::string_view why, bool queuedToo);
+    void pollAndWatch(std::int64_t nowMs);
 
     AppState* m_state;
     LogSink m_log;
@@ -149,6 +186,16 @@ private:
 
     bool m_nextRollJogPending = false;
     std::optional<std::int64_t> m_nextRollDueMs;
+
+    LinkTimings m_timings;
+    MachineStatus m_status;
+    double m_workOffset[3] = {};
+    std::optional<std::int64_t> m_statusAskedMs;  // the "?" unanswered
+    std::int64_t m_lastStatusMs = 0;
+    std::int64_t m_lastPollMs = 0;
+    bool m_waiting = false;  // a job streams or a command waits
+    std::int64_t m_waitSinceMs = 0;
+    bool m_critical = false;
 
     std::vector<LinkAction> m_actions;
 };

@@ -164,6 +164,167 @@ std::string SettingsAnnotator::annotate(std::string_view line)
     return out;
 }
 
+std::string_view errorMeaning(int code)
+{
+    static constexpr std::array<const char*, 39> kErrors = {
+        "",
+        "expected a command letter: a G-code word is a letter and a value",
+        "bad number format: a value is missing or not a number",
+        "invalid statement: this '$' command is not known to this firmware",
+        "negative value where a positive one is expected",
+        "homing is not enabled in the settings ($22)",
+        "step pulse time under 3 microseconds",
+        "settings memory (EEPROM) read failed; the defaults were restored",
+        "'$' command refused while the machine is not idle",
+        "G-code locked out during an alarm or a jog",
+        "soft limits need homing enabled",
+        "line too long: more than 80 characters, not run",
+        "setting would make the step rate exceed 30 kHz",
+        "safety door open",
+        "build info or start-up line too long to be stored",
+        "jog target beyond the machine's travel: jog ignored",
+        "invalid jog command: no '=' or a G-code that a jog does not allow",
+        "laser mode needs the PWM output",
+        "",
+        "",
+        "unsupported or invalid G-code command",
+        "two commands of the same modal group in one line",
+        "feed rate not set",
+        "G-code command needs a whole number",
+        "two commands that need axis words in one line",
+        "a word is repeated in the line",
+        "no axis words for a command that needs them",
+        "invalid line number",
+        "a command lacks a value word it needs",
+        "G59.x work coordinate systems are not supported",
+        "G53 is allowed only with G0 and G1",
+        "axis words that no command uses",
+        "G2/G3 arc without an axis word in its plane",
+        "invalid motion target",
+        "invalid arc radius",
+        "G2/G3 arc without an offset word in its plane",
+        "value words that no command uses",
+        "tool length offset not on the tool length axis",
+        "tool number beyond the largest supported",
+    };
+    if (code < 1 || code >= static_cast<int>(kErrors.size()))
+        return {};
+    return kErrors[static_cast<std::size_t>(code)];
+}
+
+std::string_view alarmMeaning(int code)
+{
+    static constexpr std::array<const char*, 10> kAlarms = {
+        "",
+        "hard limit switch hit: the machine stopped at once and its position is likely lost; home again",
+        "soft limit: a motion target lies beyond the machine's travel; the position is kept",
+        "reset while moving: the position is likely lost; home again",
+        "probe fail: the probe was not in its expected state before the probing cycle",
+        "probe fail: the probe touched nothing within the programmed travel",
+        "homing fail: the homing cycle was reset",
+        "homing fail: the safety door opened during homing",
+        "homing fail: pulling off did not clear the limit switch (pull-off setting $27, wiring)",
+        "homing fail: no limit switch found within the search distance (max travel $130, wiring)",
+    };
+    if (code < 1 || code >= static_cast<int>(kAlarms.size()))
+        return {};
+    return kAlarms[static_cast<std::size_t>(code)];
+}
+
+std::string explainedReply(std::string_view line)
+{
+    const Reply reply = classifyReply(line);
+    std::string_view meaning;
+    if (reply.kind == ReplyKind::Error)
+        meaning = errorMeaning(reply.code);
+    else if (reply.kind == ReplyKind::Alarm)
+        meaning = alarmMeaning(reply.code);
+    std::string out(line);
+    if (!meaning.empty()) {
+        out += " (";
+        out += meaning;
+        out += ')';
+    }
+    return out;
+}
+
+namespace {
+
+// "x,y,z" into three numbers; false when it is not three numbers.
+bool readTriple(std::string_view text, double (&out)[3])
+{
+    for (int axis = 0; axis < 3; ++axis) {
+        const auto comma = text.find(',');
+        const std::string_view field = axis < 2 ? text.substr(0, comma) : text;
+        if (field.empty() || (axis < 2 && comma == std::string_view::npos))
+            return false;
+        const char first = field.front();
+        if (!(first == '-' || first == '.' || (first >= '0' && first <= '9')))
+            return false;
+        out[axis] = leadingNumber(field);
+        if (axis < 2)
+            text.remove_prefix(comma + 1);
+    }
+    return true;
+}
+
+}  // namespace
+
+std::optional<StatusReport> parseStatusReport(std::string_view line)
+{
+    if (line.size() < 2 || line.front() != '<' || line.back() != '>')
+        return std::nullopt;
+    std::string_view body = line.substr(1, line.size() - 2);
+    StatusReport report;
+    bool hasPosition = false;
+    bool first = true;
+    while (true) {
+        const auto bar = body.find('|');
+        const std::string_view part = body.substr(0, bar);
+        if (first) {
+            if (part.empty())
+                return std::nullopt;
+            report.state = std::string(part);
+            first = false;
+        } else if (part.starts_with("MPos:") || part.starts_with("WPos:")) {
+            if (!readTriple(part.substr(5), report.position))
+                return std::nullopt;
+            report.machinePosition = part[0] == 'M';
+            hasPosition = true;
+        } else if (part.starts_with("WCO:")) {
+            if (!readTriple(part.substr(4), report.workOffset))
+                return std::nullopt;
+            report.hasWorkOffset = true;
+        }
+        if (bar == std::string_view::npos)
+            break;
+        body.remove_prefix(bar + 1);
+    }
+    if (!hasPosition)
+        return std::nullopt;
+    return report;
+}
+
+std::optional<double> emulatorSpeed(std::string_view versionLine)
+{
+    if (!versionLine.starts_with("[VER:") || !versionLine.ends_with("]"))
+        return std::nullopt;
+    const std::string_view body = versionLine.substr(5, versionLine.size() - 6);
+    const auto colon = body.find(':');
+    if (colon == std::string_view::npos)
+        return std::nullopt;
+    const std::string_view info = body.substr(colon + 1);
+    constexpr std::string_view kPrefix = "emulator x";
+    if (!info.starts_with(kPrefix) || info.size() == kPrefix.size())
+        return std::nullopt;
+    return leadingNumber(info.substr(kPrefix.size()));
+}
+
+std::string emulatorBuildInfo(double speed)
+{
+    return "emulator x" + plainNumber(speed);
+}
+
 std::string remainingClock(double seconds)
 {
     long long total = seconds > 0 ? static_cast<long long>(std::llround(seconds)) : 0;

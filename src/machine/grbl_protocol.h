@@ -4,6 +4,7 @@
 // texts of the key table, the "$$" glossary and the job's time texts.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -79,6 +80,33 @@ private:
     const std::vector<std::string>* m_glossary;
     std::size_t m_lineCounter = 0;
 };
+
+// Grbl 1.1's meaning of "error:N" (1-38) and "ALARM:N" (1-9), in words; empty for a code
+// Grbl does not define.
+std::string_view errorMeaning(int code);
+std::string_view alarmMeaning(int code);
+// "error:20 (unsupported or invalid G-code command)": the reply with its meaning, for the log.
+std::string explainedReply(std::string_view line);
+// ALARM:1 (hard limit) and ALARM:2 (soft limit): Grbl then answers nothing, not even "?",
+// until a soft reset.
+inline bool isCriticalAlarm(int code) { return code == 1 || code == 2; }
+
+// A status report "<Run|MPos:1.000,2.000,0.000|FS:800,0>". The position is the machine
+// position when the report gives MPos, else WPos (plus WCO when the report carries it).
+struct StatusReport {
+    std::string state;  // "Idle", "Run", "Hold:0", "Alarm", ...
+    bool machinePosition = true;
+    double position[3] = {0.0, 0.0, 0.0};
+    bool hasWorkOffset = false;
+    double workOffset[3] = {0.0, 0.0, 0.0};
+};
+std::optional<StatusReport> parseStatusReport(std::string_view line);
+
+// The speed factor a Veltrin emulator reports in the build info of "$I"
+// ("[VER:1.1h.20190830:emulator x20]"); nullopt for any other board.
+std::optional<double> emulatorSpeed(std::string_view versionLine);
+// The build info text of the emulator at that speed factor ("emulator x20").
+std::string emulatorBuildInfo(double speed);
 
 // "hh:mm:ss" of a number of seconds; a day or more wraps round, negatives read 0.
 std::string remainingClock(double seconds);

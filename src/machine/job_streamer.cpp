@@ -57,10 +57,17 @@ void JobStreamer::start(JobProgram program, bool simulation, std::int64_t nowMs)
     m_pauseWanted = false;
     m_stopWanted = false;
     m_waitBannerForStop = false;
+    m_holdReason = HoldReason::None;
+    m_holdCount = 0;
+    m_checkingSettings = false;
+    m_laserMode.reset();
+    m_emulatorSpeed.reset();
+    m_criticalAlarm = false;
     m_now = nowMs;
     m_startMs = nowMs;
     m_lastResumeMs = nowMs;
     m_resumeWrittenFor.reset();
+    m_resumeMsWritten = -1.0;
     m_log->line("Sending file : " + m_program.fileName);
     prepareHoles();
     if (m_simulation) {
@@ -69,34 +76,26 @@ void JobStreamer::start(JobProgram program, bool simulation, std::int64_t nowMs)
         return;
     }
     emitResumePoint();
-    // Soft reset; the first line leaves once the welcome text says Grbl is ready again.
+    // Soft reset; the checks and the first line leave once the welcome text says Grbl is
+    // ready again.
     m_phase = Phase::Resetting;
+    m_bannerDeadlineMs = nowMs + m_bannerWaitMs;
     write("\x18");
 }
 
 void JobStreamer::prepareHoles()
 {
     const auto& lines = m_program.lines;
-    m_holeOfLine.assign(lines.size(), 0);
-    std::vector<double> starts;
+    m_holes.prepare(lines, m_program.laser, m_program.Vitcarton, m_program.L_poincon);
     m_measureTotal = 0.0;
     double x = 0.0;
     double y = 0.0;
-    const double offsetMm = m_program.laser ? 0.0 : m_program.L_poincon / 2.0;
     for (std::size_t i = 0; i < lines.size(); ++i) {
         const std::string text = lineToSend(lines[i]);
         const bool travel = text.starts_with("G0 ") || text.starts_with("G00 ");
         const bool cut = text.starts_with("G1 ") || text.starts_with("G01 ");
         const auto lineX = word(text, 'X');
         const auto lineY = word(text, 'Y');
-        // Every hole of the program starts with a travel move to its start corner (laser) or
-        // strike centre (punch).
-        if (travel && lineY) {
-            const double startMs =
-                m_program.Vitcarton > 0 ? (*lineY - offsetMm) * 1000.0 / m_program.Vitcarton : 0.0;
-            starts.push_back(startMs);
-        }
-        m_holeOfLine[i] = starts.empty() ? 0 : starts.size() - 1;
         if (m_program.laser) {
             if ((travel || cut) && (lineX || lineY)) {
                 const double nx = lineX.value_or(x);
@@ -109,30 +108,24 @@ void JobStreamer::prepareHoles()
             m_measureTotal += 1.0;
         }
     }
-    m_earliestFrom.assign(starts.size(), 0.0);
-    double earliest = std::numeric_limits<double>::max();
-    for (std::size_t h = starts.size(); h-- > 0;) {
-        earliest = std::min(earliest, starts[h]);
-        m_earliestFrom[h] = earliest;
-    }
-    m_latestStart = starts.empty() ? 0.0 : *std::max_element(starts.begin(), starts.end());
 }
 
 void JobStreamer::emitResumePoint()
 {
-    if (m_simulation || m_program.songPath.empty() || m_resumeWrittenFor == m_next)
+    if (m_simulation || m_program.songPath.empty())
+        return;
+    // The restart time: the earliest start among the holes not surely made (hole_progress.h).
+    const double restartMs = m_holes.restartMs(m_next);
+    if (m_resumeWrittenFor == m_next && m_resumeMsWritten == restartMs)
         return;
     m_resumeWrittenFor = m_next;
+    m_resumeMsWritten = restartMs;
     ResumePoint point;
     point.songPath = m_program.songPath;
     point.Fourchette = m_program.Fourchette;
     point.restartLine = static_cast<long long>(m_next);
-    if (m_earliestFrom.empty())
-        point.restartMs = 0.0;
-    else if (m_next >= m_program.lines.size())
-        point.restartMs = std::floor(m_latestStart) + 1.0;  // every hole is made
-    else
-        point.restartMs = std::floor(m_earliestFrom[m_holeOfLine[m_next]]);
+    point.restartMs = restartMs;
+    point.settings = m_program.planSettings;
     m_actions.emplace_back(point);
 }
 
@@ -167,13 +160,30 @@ void JobStreamer::onLine(std::string_view line)
     if (!running())
         return;
     const Reply reply = classifyReply(line);
+    if (reply.kind == ReplyKind::Banner)
+        m_criticalAlarm = false;
+    if (reply.kind == ReplyKind::Status) {
+        // A push message: it tells which holes are cut (hole_progress.h), and is not logged.
+        m_holes.statusReport(line.starts_with("<Idle"), m_next);
+        return;
+    }
+    if (reply.kind == ReplyKind::Alarm ||
+        (reply.kind == ReplyKind::Banner && m_phase != Phase::Resetting && m_phase != Phase::Checking))
+        m_holes.plannerLost(m_next);  // what Grbl had queued is not cut
+    if (m_phase == Phase::Checking) {
+        checkLine(reply, line);
+        return;
+    }
     m_log->raw((m_inFlight == InFlight::M5 ? " < " : "  < ") + std::string(line) + "\r\n");
 
     switch (reply.kind) {
     case ReplyKind::Banner:
         if (m_phase == Phase::Resetting) {
-            m_phase = Phase::Streaming;
-            sendNext();
+            // The checks' lines and answers stay out of the log unless a check fails.
+            m_phase = Phase::Checking;
+            m_checkingSettings = false;
+            m_inFlight = InFlight::Check;
+            write("$I\r");
         } else if (m_phase == Phase::Stopping) {
             if (m_waitBannerForStop) {
                 m_waitBannerForStop = false;
@@ -185,12 +195,19 @@ void JobStreamer::onLine(std::string_view line)
             // The board restarted under the job: the line in flight is lost and goes again
             // on resume.
             m_inFlight = InFlight::None;
-            hold("Grbl restarted during the job: punch held at line " + std::to_string(m_next + 1));
+            hold("Grbl restarted during the job: punch held at line " + std::to_string(m_next + 1),
+                 HoldReason::Restarted);
         }
         break;
     case ReplyKind::Alarm:
-        if (m_phase == Phase::Streaming || m_phase == Phase::Paused) {
-            hold("Grbl alarm " + std::string(line) + ": punch held at line " + std::to_string(m_next + 1));
+        if (isCriticalAlarm(reply.code))
+            m_criticalAlarm = true;
+        if (m_phase == Phase::Streaming || m_phase == Phase::Paused || m_phase == Phase::Held) {
+            std::string why = "Grbl alarm: " + explainedReply(line) + ". Punch held at line " +
+                              std::to_string(m_next + 1);
+            if (m_criticalAlarm)
+                why += ". Grbl answers nothing now until a soft reset: Stop the job";
+            hold(why, m_criticalAlarm ? HoldReason::CriticalAlarm : HoldReason::Alarm);
         }
         break;
     case ReplyKind::Ok:
@@ -215,15 +232,100 @@ void JobStreamer::answered(const Reply& reply, std::string_view line)
         ++m_okCount;
     ++m_next;
     m_log->trimTo(kLogLimit);
-    if (reply.kind == ReplyKind::Error)
-        hold("Grbl refused line " + std::to_string(m_next) + " (" + std::string(line) + "): punch held");
-    else if (m_phase == Phase::Streaming)
+    if (reply.kind == ReplyKind::Error) {
+        m_holes.refused(m_next - 1);
+        const std::string sent = lineToSend(m_program.lines[m_next - 1]);
+        if (sent.starts_with("$H") && reply.code == 3) {
+            hold("This board's Grbl has no single-axis homing: \"" + sent + "\" of the program's "
+                 "header was refused (error:3). Turn the header off (Gen_entete=0) or flash a Grbl "
+                 "built with single-axis homing. Punch held",
+                 HoldReason::Homing);
+        } else if (sent.starts_with("$H") && reply.code == 5) {
+            hold("Homing is disabled on this board ($22=0): \"" + sent + "\" of the program's "
+                 "header was refused (error:5). Enable it with $22=1 or turn the header off "
+                 "(Gen_entete=0). Punch held",
+                 HoldReason::Homing);
+        } else {
+            hold("Grbl refused line " + std::to_string(m_next) + ": " + explainedReply(line) + ". Punch held",
+                 HoldReason::Refused);
+        }
+    } else if (m_phase == Phase::Streaming)
         sendNext();
 }
 
-void JobStreamer::hold(std::string_view why)
+void JobStreamer::checkLine(const Reply& reply, std::string_view line)
+{
+    if (reply.kind == ReplyKind::Message) {
+        if (const auto speed = emulatorSpeed(line))
+            m_emulatorSpeed = speed;
+        return;
+    }
+    if (reply.kind == ReplyKind::Setting) {
+        if (line.starts_with("$32="))
+            m_laserMode = leadingNumber(line.substr(4));
+        return;
+    }
+    if (reply.kind == ReplyKind::Banner) {
+        // Restarted under the checks: ask again.
+        m_checkingSettings = false;
+        write("$I\r");
+        return;
+    }
+    if (!isResponse(reply))
+        return;
+    if (!m_checkingSettings && m_program.laser) {
+        // "$I" answered ("error:N" from a build without it is no fault): the laser mode next.
+        m_checkingSettings = true;
+        write("$$\r");
+        return;
+    }
+    m_inFlight = InFlight::None;
+    if (m_program.laser) {
+        if (reply.kind == ReplyKind::Error) {
+            notStarted("Grbl did not list its settings (\"$$\" answered " + explainedReply(line) +
+                       "), so its laser mode ($32) is unknown. Punch not started");
+            return;
+        }
+        if (!m_laserMode) {
+            notStarted("Grbl listed no laser mode setting ($32): a laser job needs Grbl 1.1 with $32=1. "
+                       "Punch not started");
+            return;
+        }
+        if (*m_laserMode == 0) {
+            notStarted("Laser mode is off ($32=0): Grbl would keep the beam on during G0 travel and burn "
+                       "lines across the roll. Send $32=1 to turn it on. Punch not started");
+            return;
+        }
+    }
+    m_phase = Phase::Streaming;
+    sendNext();
+}
+
+void JobStreamer::notStarted(std::string_view why)
+{
+    m_log->line(why);
+    finish(JobOutcome::NotStarted);
+}
+
+void JobStreamer::controllerSilent(std::int64_t silentMs)
+{
+    if (!streaming())
+        return;
+    if (m_phase == Phase::Checking) {
+        notStarted("The controller is not answering: no status report for " +
+                   plainNumber(static_cast<double>(silentMs) / 1000.0) + " s. Punch not started");
+        return;
+    }
+    hold("The controller is not answering: no status report for " + plainNumber(static_cast<double>(silentMs) / 1000.0) +
+             " s. Punch held at line " + std::to_string(m_next + 1),
+         HoldReason::Silent);
+}
+
+void JobStreamer::hold(std::string_view why, HoldReason reason)
 {
     m_phase = Phase::Held;
+    m_holdReason = reason;
+    ++m_holdCount;
     m_pauseWanted = true;
     m_log->line(why);
     m_log->line("Hit Continue to resume");
@@ -248,6 +350,10 @@ void JobStreamer::resume()
 {
     if (m_phase != Phase::Paused && m_phase != Phase::Held)
         return;
+    if (m_criticalAlarm && !m_simulation) {
+        m_log->line("Grbl answers nothing after a limit alarm until a soft reset: only Stop ends this hold");
+        return;
+    }
     m_pauseWanted = false;
     m_phase = Phase::Streaming;
     if (m_simulation) {
@@ -269,8 +375,9 @@ void JobStreamer::stop()
         finish(JobOutcome::Cancelled);
         return;
     }
-    const bool resetSent = m_phase == Phase::Resetting;
+    const bool resetSent = m_phase == Phase::Resetting || m_phase == Phase::Checking;
     m_phase = Phase::Stopping;
+    m_holes.plannerLost(m_next);  // the soft reset empties the planner
     // Grbl may still hold up to 16 queued moves (after an error too), a line may wait for an
     // "ok" that a feed hold never lets come, and a laser must not finish the queued cuts: a
     // soft reset empties the planner and turns the tool off at once. "M5" follows the
@@ -318,6 +425,11 @@ void JobStreamer::onTick(std::int64_t nowMs)
         }
         return;
     }
+    if (m_phase == Phase::Resetting && nowMs >= m_bannerDeadlineMs) {
+        notStarted("The board does not answer like Grbl: no welcome text within " +
+                   plainNumber(static_cast<double>(m_bannerWaitMs) / 1000.0) + " s of its soft reset. Punch not started");
+        return;
+    }
     if (m_phase == Phase::Stopping && nowMs >= m_stopDeadlineMs) {
         if (m_waitBannerForStop) {
             m_waitBannerForStop = false;
@@ -344,10 +456,15 @@ void JobStreamer::finish(JobOutcome outcome)
     switch (outcome) {
     case JobOutcome::EndOfPunch: {
         const double seconds = static_cast<double>(m_now - m_startMs) / 1000.0;
-        if (!m_simulation && m_measureTotal > 0.0 && seconds > 0.0)
+        // An emulated board at another pace than real time says nothing of the machine's.
+        const bool fakePace = m_emulatorSpeed && *m_emulatorSpeed != 1.0;
+        if (!m_simulation && m_measureTotal > 0.0 && seconds > 0.0 && !fakePace)
             ended.measuredDuration = seconds / m_measureTotal;
         m_log->raw("\r\n");
         m_log->line("End of punch");
+        if (fakePace && !m_simulation)
+            m_log->line("Emulated board at speed x" + plainNumber(*m_emulatorSpeed) +
+                        ": the learned durations stay as they were");
         break;
     }
     case JobOutcome::Cancelled:
@@ -357,6 +474,8 @@ void JobStreamer::finish(JobOutcome outcome)
         if (m_inFlight == InFlight::ProgramLine)
             m_log->raw("\r\n");
         m_log->line("Port closed: punch interrupted at line " + std::to_string(m_next + 1));
+        break;
+    case JobOutcome::NotStarted:
         break;
     }
     emitResumePoint();

@@ -10,10 +10,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
 #include "machine/grbl_protocol.h"
+#include "machine/hole_progress.h"
 
 namespace veltrin {
 
@@ -31,9 +33,12 @@ struct JobProgram {
     // Duration estimate of the program writer, in seconds (0 when unknown).
     double estimatedSeconds = 0.0;
     bool laser = true;
-    // Vitcarton (mm/s) and L_poincon (mm) turn a hole's Y back into its start time.
+    // Vitcarton (mm/s) and L_poincon (mm) turn a hole's Y back into its start time: the
+    // values the program was made with.
     double Vitcarton = 60.0;
     double L_poincon = 3.0;
+    // Every setting the program was made with (key, value), for the resume file.
+    std::vector<std::pair<std::string, std::string>> planSettings;
 };
 
 // Outputs of the streamer, taken by the adapter.
@@ -46,8 +51,21 @@ struct ResumePoint {
     std::string Fourchette;
     double restartMs = 0.0;
     long long restartLine = 0;
+    // JobProgram::planSettings.
+    std::vector<std::pair<std::string, std::string>> settings;
 };
-enum class JobOutcome { EndOfPunch, Cancelled, PortLost };
+// NotStarted: the checks after the soft reset refused the job (no welcome text, laser mode off).
+enum class JobOutcome { EndOfPunch, Cancelled, PortLost, NotStarted };
+// Why a job is held, for a front end that decides between Continue and Stop.
+enum class HoldReason {
+    None,
+    Refused,        // "error:N" to a program line
+    Homing,         // "$HX" of the header refused (error:3 or error:5)
+    Alarm,          // "ALARM:N"
+    CriticalAlarm,  // ALARM:1 or ALARM:2: Grbl answers nothing until a soft reset (Stop)
+    Restarted,      // the welcome text came in the middle of the job
+    Silent,         // no status report for the watchdog's time
+};
 struct JobEnded {
     JobOutcome outcome = JobOutcome::EndOfPunch;
     // The measure of the job for the learned durations (unset in simulation or when cancelled):
@@ -84,6 +102,8 @@ public:
     // The resume file is rewritten at most this often (and at every hold, pause and end).
     static constexpr std::int64_t kResumeEveryMs = 500;
     static constexpr double kLinesBeforeMeasure = 20;
+    // After its soft reset a job waits this long for the welcome text, then does not start.
+    static constexpr std::int64_t kBannerWaitMs = 5000;
 
     explicit JobStreamer(LogSink& log) : m_log(&log) {}
 
@@ -94,6 +114,10 @@ public:
     void stop();
     // The port closed under the job: it ends at once, after a last resume point.
     void portLost();
+    // The link's watchdog: no status report for silentMs while the job streams; it holds.
+    void controllerSilent(std::int64_t silentMs);
+    // Shortened by tests only.
+    void setBannerWaitMs(std::int64_t ms) { m_bannerWaitMs = ms; }
 
     void onLine(std::string_view line);
     void onTick(std::int64_t nowMs);
@@ -103,6 +127,15 @@ public:
     bool en_pause() const { return m_pauseWanted; }
     bool arret_demande() const { return m_stopWanted; }
     bool held() const { return m_phase == Phase::Held; }
+    HoldReason holdReason() const { return m_phase == Phase::Held ? m_holdReason : HoldReason::None; }
+    // Counts the holds since start(), so that a front end asks once per hold.
+    int holdCount() const { return m_holdCount; }
+    // The job waits on the controller (a line in flight or to come): the watchdog applies.
+    bool streaming() const
+    {
+        return !m_simulation &&
+               (m_phase == Phase::Checking || m_phase == Phase::Streaming || m_phase == Phase::Paused);
+    }
     bool simulation() const { return m_simulation; }
     // Progress: lines acknowledged (or shown, in simulation) of lineCount().
     std::size_t progress() const { return m_next; }
@@ -112,13 +145,15 @@ public:
     std::string temps_restant() const;
 
 private:
-    enum class Phase { Idle, Resetting, Streaming, Paused, Held, Stopping };
-    enum class InFlight { None, ProgramLine, M5 };
+    enum class Phase { Idle, Resetting, Checking, Streaming, Paused, Held, Stopping };
+    enum class InFlight { None, ProgramLine, M5, Check };
 
     void write(std::string bytes);
     void sendNext();
     void answered(const Reply& reply, std::string_view line);
-    void hold(std::string_view why);
+    void hold(std::string_view why, HoldReason reason);
+    void checkLine(const Reply& reply, std::string_view line);
+    void notStarted(std::string_view why);
     void finish(JobOutcome outcome);
     void sendStopM5();
     void prepareHoles();
@@ -134,6 +169,16 @@ private:
     bool m_pauseWanted = false;
     bool m_stopWanted = false;
     bool m_waitBannerForStop = false;
+    HoldReason m_holdReason = HoldReason::None;
+    int m_holdCount = 0;
+    // Checks between the welcome text and the first line: "$I" (an emulator's speed factor),
+    // then for a laser "$$" (laser mode $32).
+    std::int64_t m_bannerWaitMs = kBannerWaitMs;
+    std::int64_t m_bannerDeadlineMs = 0;
+    bool m_checkingSettings = false;
+    std::optional<double> m_laserMode;
+    std::optional<double> m_emulatorSpeed;
+    bool m_criticalAlarm = false;
     std::int64_t m_now = 0;
     std::int64_t m_startMs = 0;
     std::int64_t m_nextSimulatedMs = 0;
@@ -141,11 +186,9 @@ private:
     bool m_answerOwed = false;
     std::int64_t m_lastResumeMs = 0;
     std::optional<std::size_t> m_resumeWrittenFor;
-    // For each line, the index of the hole it belongs to (header lines: the next hole), and
-    // for each hole the earliest start among it and the holes after it.
-    std::vector<std::size_t> m_holeOfLine;
-    std::vector<double> m_earliestFrom;
-    double m_latestStart = 0.0;
+    double m_resumeMsWritten = -1.0;
+    // Which holes are surely made (hole_progress.h).
+    HoleProgress m_holes;
     double m_measureTotal = 0.0;  // holes (punch) or mm of motion (laser)
     std::vector<JobAction> m_actions;
 };

@@ -1,7 +1,11 @@
 #include "machine/serial_port_qt.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QSerialPortInfo>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "app/app_state.h"
 #include "midi/resume_file.h"
@@ -70,13 +74,35 @@ void MachinePort::parametres_port()
     m_port.setFlowControl(QSerialPort::NoFlowControl);
 }
 
+QString MachinePort::openFailureReason(bool exists, bool isCharacterDevice, bool readWritable,
+                                       QSerialPort::SerialPortError error, const QString& errorText)
+{
+    if (!exists || error == QSerialPort::DeviceNotFoundError)
+        return QStringLiteral("it does not exist (is the board plugged in?)");
+    if (!isCharacterDevice)
+        return QStringLiteral("it is not a serial port");
+    if (error == QSerialPort::PermissionError || error == QSerialPort::OpenError) {
+        if (!readWritable)
+            return QStringLiteral("permission denied (on Linux, add your user to the dialout group "
+                                  "and log in again)");
+        return QStringLiteral("it is busy: another program (a serial monitor, another Veltrin) "
+                              "has it open or locked");
+    }
+    if (errorText.contains(QLatin1String("ioctl"), Qt::CaseInsensitive))
+        return QStringLiteral("it is not a serial port");
+    return errorText.isEmpty() ? QStringLiteral("it cannot be opened") : errorText;
+}
+
 bool MachinePort::openOnly(const QString& field)
 {
     if (m_port.isOpen())
         m_port.close();
+    m_openError.clear();
     const QString name = systemName(field);
-    if (name.isEmpty())
+    if (name.isEmpty()) {
+        m_openError = QStringLiteral("no port given");
         return false;
+    }
     // A name is opened at its system location and a symbolic link is followed, so that the
     // watcher can match the open port with the port list.
     QString location = systemLocation(name);
@@ -87,8 +113,23 @@ bool MachinePort::openOnly(const QString& field)
     }
     m_port.setPortName(location);
     parametres_port();
-    if (!m_port.open(QIODevice::ReadWrite))
+    if (!m_port.open(QIODevice::ReadWrite)) {
+#ifdef Q_OS_WIN
+        const bool exists = m_port.error() != QSerialPort::DeviceNotFoundError;
+        const bool isCharacterDevice = true;
+        const bool readWritable = true;
+#else
+        struct stat info {};
+        const QByteArray path = QFile::encodeName(location);
+        const bool exists = ::stat(path.constData(), &info) == 0;
+        const bool isCharacterDevice = exists && S_ISCHR(info.st_mode);
+        const bool readWritable = ::access(path.constData(), R_OK | W_OK) == 0;
+#endif
+        m_openError = openFailureReason(exists, isCharacterDevice, readWritable, m_port.error(),
+                                        m_port.errorString());
+        m_port.clearError();
         return false;
+    }
     parametres_port();
     // Opening raised DTR, which resets an Arduino (its welcome text follows); both lines then
     // stay low. A pseudo-terminal has neither line, which is no fault.
@@ -102,6 +143,8 @@ bool MachinePort::openOnly(const QString& field)
 bool MachinePort::openPort(const QString& field)
 {
     if (!openOnly(field)) {
+        if (!m_state->recherche_en_cours)
+            m_link.logLine("Port " + field.toStdString() + " cannot be used: " + m_openError.toStdString());
         m_link.setPortOpen(false);
         carryOut();
         emit stateChanged();
@@ -225,6 +268,7 @@ void MachinePort::carryOut()
                 content.restartMs = r->restartMs;
                 content.restartLine = r->restartLine;
                 content.Fourchette = r->Fourchette;
+                content.settings = r->settings;
                 if (!writeResumeFile(resumePathFor(r->songPath), content))
                     m_link.logLine("Resume file not written: " + resumePathFor(r->songPath));
             } else if (auto* d = std::get_if<DetectionDone>(&action)) {

@@ -38,6 +38,13 @@ public:
     // Opens the port named in the field (a name such as ttyUSB0 or COM3, a bare number N for
     // COMN on Windows, or any path) and runs connexion_on. False when it does not open.
     bool openPort(const QString& field);
+    // Why the last openPort() failed, in words ("it does not exist (is the board plugged
+    // in?)", "it is busy: ...", "permission denied ...", "it is not a serial port").
+    QString openError() const { return m_openError; }
+    // The words of openError() from what is known of the port.
+    static QString openFailureReason(bool exists, bool isCharacterDevice, bool readWritable,
+                                     QSerialPort::SerialPortError error, const QString& errorText);
+
     // connexion_off with the port closed.
     void closePort();
     // Opening at start-up: the saved AdressePort, else the port scan.
@@ -82,6 +89,7 @@ private:
     GrblLink m_link;
     QSerialPort m_port;
     QString m_portName;
+    QString m_openError;
     QTimer m_tick;
     QTimer m_watch;
     QElapsedTimer m_clock;

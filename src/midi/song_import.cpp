@@ -30,6 +30,12 @@ bool readBytes(const std::string& path, std::vector<std::uint8_t>& bytes)
     return static_cast<bool>(in) || size == 0;
 }
 
+Failure<ImportError> notWritten(PlanError error, const std::string& detail)
+{
+    return fail(error == PlanError::CannotWriteProgram ? ImportError::ProgramNotWritten : ImportError::SettingsRefused,
+                detail);
+}
+
 void saveFourchette(const AppState& state, const ImportOptions& options)
 {
     if (options.store)
@@ -67,7 +73,11 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
     ImportReport report;
     report.songPath = state.Liste_fichiers[static_cast<std::size_t>(state.currentFileIndex)];
 
-    // 2. A resume file names the song and brings the band width and the restart time.
+    // 2. A resume file names the song and brings the restart time and the settings its
+    // program was made with: the band width of line 4 and the "key=value" lines. They become
+    // this song's plan settings (state.songPlanSettings), which no generation of it saves
+    // nor lets replace the operator's.
+    SettingList songPlan;
     if (isResumePath(report.songPath)) {
         auto resume = readResumeFile(report.songPath);
         if (!resume)
@@ -75,17 +85,35 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
         report.resumed = true;
         report.songPath = resume->songPath;
         report.restartMs = resume->restartMs;
-        state.settings.Fourchette = resume->Fourchette;
-        saveFourchette(state, options);
+        report.settingsRestored = !resume->settings.empty();
+        songPlan = std::move(resume->settings);
+        std::erase_if(songPlan, [](const auto& entry) { return entry.first == "Fourchette"; });
+        songPlan.emplace_back("Fourchette", resume->Fourchette);
     }
 
     std::vector<std::uint8_t> bytes;
     if (!readBytes(report.songPath, bytes))
         return fail(ImportError::UnreadableSong, report.songPath);
     state.chemin_morceau = report.songPath;
+    if (report.resumed) {
+        state.songPlanSettings = std::move(songPlan);
+        state.settingsAtResume = planSettingsOf(state.settings, state.scale);
+        if (const auto end = settingValue(state.songPlanSettings, "fin_marque"))
+            state.fin_marque = leadingNumber(*end);
+    }
 
-    state.user_msg_list.append(state.settings.isLaser() ? "Gcode generation for laser perforator"
-                                                        : "Gcode generation for punch perforator");
+    const bool laser = [&state] {
+        const SongPlanScope songSettings(state);
+        return state.settings.isLaser();
+    }();
+    state.user_msg_list.append(laser ? "Gcode generation for laser perforator" : "Gcode generation for punch perforator");
+    if (report.resumed && !report.settingsRestored) {
+        state.user_msg_list.append("Resume file without settings: the current settings are used, with its "
+                                   "Fourchette " + settingValue(state.songPlanSettings, "Fourchette").value_or(""));
+    } else if (report.resumed) {
+        for (const std::string& difference : settingDifferences(state.songPlanSettings, state.settingsAtResume))
+            state.user_msg_list.append("Resume file value kept: " + difference);
+    }
 
     // 3. Decode. A decoder error is the decoder's to tell; the lines before it are used.
     DecodeResult decoded = Vertalen(bytes, report.songPath);
@@ -101,8 +129,8 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
     }
 
     // 4. Band width, then the program. A resumed job keeps its band width so the holes
-    // come in the same order as in the interrupted program; it restarts at the first hole
-    // not yet acknowledged.
+    // come in the same order as in the interrupted program; it restarts at the earliest
+    // hole not surely made.
     // The search leaves the song split, which the program then keeps.
     bool splitKept = false;
     if (report.resumed) {
@@ -111,13 +139,13 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
     } else if (options.widthSearch) {
         auto width = searchBestWidth(state);
         if (!width)
-            return fail(ImportError::ProgramNotWritten, width.detail());
+            return notWritten(width.error(), width.detail());
         saveFourchette(state, options);
         splitKept = true;
     }
     auto program = Genere_GCode(state, splitKept, false);
     if (!program)
-        return fail(ImportError::ProgramNotWritten, program.detail());
+        return notWritten(program.error(), program.detail());
     report.programPath = std::move(program.value());
     return report;
 }

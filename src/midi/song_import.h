@@ -21,11 +21,13 @@ enum class ImportError {
     UnreadableResumeFile,  // the ".rep" file is missing or has fewer than four lines
     UnreadableSong,        // the MIDI file cannot be read, or has no header or track chunk
     ProgramNotWritten,     // Genere_GCode failed (detail: why); the song stays loaded
+    SettingsRefused,       // the width search or Genere_GCode refused a setting or a mark
+                           // (detail: the message); nothing written, the song stays loaded
 };
 
 struct ImportOptions {
-    // Where a Fourchette chosen by the width search or restored from a resume file is
-    // saved at once; null: not saved.
+    // Where a Fourchette chosen by the width search is saved at once; null: not saved.
+    // Nothing of a resume file is ever saved.
     SettingsStore* store = nullptr;
     // Runs the best-width search after decoding (a resume file never runs it).
     bool widthSearch = true;
@@ -34,8 +36,10 @@ struct ImportOptions {
 struct ImportReport {
     // The MIDI file decoded (line 1 of a resume file, or the chosen path).
     std::string songPath;
-    // A resume file was opened: the start mark is its restart time, Fourchette its line 4.
+    // A resume file was opened: the start mark is its restart time, Fourchette its line 4,
+    // and its "key=value" lines (settingsRestored) the values of this song's generations.
     bool resumed = false;
+    bool settingsRestored = false;
     double restartMs = 0.0;
     // The decoder's error code and message (0 and empty when the whole file was read); the
     // import goes on with the lines decoded before the error.
@@ -52,9 +56,13 @@ Result<ImportReport, ImportError> Ouvre_midi(AppState& state, const std::vector<
                                              int rollGapMm = 0, const ImportOptions& options = {});
 
 // Opens the entry of Liste_fichiers at currentFileIndex: resets the end mark to 500000 and
-// the song's plan, reads a resume file when the path ends in "rep", logs the machine line,
-// decodes the song into Liste_tran, logs "Midi file de-assembling" (a file with no header or
-// track chunk ends the import there: UnreadableSong), runs the width search
+// the song's plan, reads a resume file when the path ends in "rep" (its settings become the
+// song's plan settings, AppState::songPlanSettings, and each value that differs from the
+// operator's is logged as "Resume file value kept: KEY=VALUE (settings: CURRENT)"; a file
+// without them logs "Resume file without settings: the current settings are used, with its
+// Fourchette N"; an end mark it names is set again), logs the machine line, decodes the
+// song into Liste_tran, logs "Midi file de-assembling" (a file with no header or track chunk
+// ends the import there: UnreadableSong), runs the width search
 // (unless resuming or switched off) and Genere_GCode: (false, false) without a search, and
 // (true, false) after one, since the search has already split the song the same way.
 Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportOptions& options = {});

@@ -253,6 +253,8 @@ std::vector<std::string> reportLines(const ReportInput& in)
         lines.push_back("   - Overall distances : " + metres(t.distance_totale));
         lines.push_back("   - Number of punch strikes : " + plainNumber(t.nb_frappes));
     }
+    if (!in.rollCleanup.empty())
+        lines.push_back(in.rollCleanup);
     if (in.notes_hors_gamme > 0) {
         lines.push_back("ATTENTION : ");
         // The count is written with a leading space for its (positive) sign: "--->  3 notes".

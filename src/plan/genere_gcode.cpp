@@ -8,6 +8,8 @@
 #include <limits>
 
 #include "app/numeric_text.h"
+#include "midi/resume_file.h"
+#include "plan/plan_checks.h"
 #include "plan/plan_steps.h"
 #include "plan/plan_text.h"
 
@@ -96,7 +98,16 @@ bool splitsNotes(const PlanValues& values, const Settings& settings)
 Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
                                             bool sans_optimisation)
 {
+    // A song taken up from a resume file is made again with the values of its first program.
+    const SongPlanScope songPlan(state);
     const bool silent = state.recherche_largeur;
+    // 0. Nothing is written from settings or marks that Grbl would reject or misread.
+    if (!silent) {
+        if (auto checked = checkGenerationSettings(state.settings, state.scale); !checked)
+            return fail(checked.error(), checked.detail());
+        if (auto checked = checkMarks(state.debut_marque, state.fin_marque); !checked)
+            return fail(checked.error(), checked.detail());
+    }
     // 1. Values of this generation; every total starts from 0.
     const PlanValues values = planValues(state.settings, state.scale);
     const bool fractionner = splitsNotes(values, state.settings);
@@ -111,14 +122,21 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
     // 2. Pair note starts and ends, 3. split the notes into pieces.
     if (!garder_notes) {
         const std::vector<std::string> noteLines = pairNotes(state.Liste_tran, state.Liste_play);
-        SplitResult split = Decoupe_notes(noteLines, fractionner, values, state.scale);
+        SplitResult split = planSplit(noteLines, fractionner, values, state.scale);
         state.List_GC_Ycroissant = std::move(split.pieces);
         state.notes_hors_gamme = split.notes_hors_gamme;
         state.piste_courante = split.piste_courante;
+        state.rollCleanup = split.cleanup;
         if (!silent) {
             state.gauge1_max = static_cast<int>(noteLines.size());
             state.gauge1_value = noteLines.empty() ? 0 : static_cast<int>(noteLines.size()) - 1;
         }
+    }
+
+    if (!silent) {
+        const auto& pieces = sans_optimisation ? state.List_GC_Finale : state.List_GC_Ycroissant;
+        if (auto checked = checkProgramLimits(state.settings, values, pieces, markRange(state)); !checked)
+            return fail(checked.error(), checked.detail());
     }
 
     // 4. Travel order.
@@ -159,6 +177,13 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
     auto written = writeAtomically(path, program.text);
     if (!written)
         return written;
+    // What the program was made with, beside it: a job takes its roll speed and the settings
+    // of its resume file from there.
+    state.programSettings = planSettingsOf(state.settings, state.scale);
+    if (markRange(state).endSet())
+        state.programSettings.emplace_back("fin_marque", plainNumber(state.fin_marque));
+    if (auto recorded = writeProgramRecord(path, state.chemin_morceau, program.text, state.programSettings); !recorded)
+        return fail(PlanError::CannotWriteProgram, recorded.detail());
 
     // 6. The report.
     ReportInput report;
@@ -169,6 +194,7 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
     report.L_poincon = values.L_poincon;
     report.vitesse_avance = values.vitesse_avance;
     report.notes_hors_gamme = state.notes_hors_gamme;
+    report.rollCleanup = rollCleanupReport(state.rollCleanup);
     report.duree_metre_laser = leadingNumber(state.settings.duree_metre_laser);
     report.duree_trou_poincon = leadingNumber(state.settings.duree_trou_poincon);
     report.decimalSeparator = state.reportDecimalSeparator;
@@ -180,6 +206,8 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
 
 Result<double, PlanError> searchBestWidth(AppState& state)
 {
+    if (auto checked = checkGenerationSettings(state.settings, state.scale); !checked)
+        return fail(checked.error(), checked.detail());
     const PlanValues values = planValues(state.settings, state.scale);
     const bool fractionner = splitsNotes(values, state.settings);
     if (auto usable = checkPlanValues(values, fractionner); !usable)
@@ -191,7 +219,7 @@ Result<double, PlanError> searchBestWidth(AppState& state)
     // re-orders the same pieces.
     std::vector<std::string> playLines;
     const std::vector<std::string> noteLines = pairNotes(state.Liste_tran, playLines);
-    SplitResult split = Decoupe_notes(noteLines, fractionner, values, state.scale);
+    SplitResult split = planSplit(noteLines, fractionner, values, state.scale);
     const std::vector<Piece>& pieces = split.pieces;
 
     const double current = leadingNumber(state.settings.Fourchette);
@@ -229,6 +257,7 @@ Result<double, PlanError> searchBestWidth(AppState& state)
     state.List_GC_Ycroissant = std::move(split.pieces);
     state.notes_hors_gamme = split.notes_hors_gamme;
     state.piste_courante = split.piste_courante;
+    state.rollCleanup = split.cleanup;
     if (bestWidth != current)
         state.settings.Fourchette = plainNumber(bestWidth);
     return bestWidth;
@@ -287,6 +316,9 @@ std::string programPath(const AppState& state)
 
 void resetSongPlan(AppState& state)
 {
+    state.programSettings.clear();
+    state.songPlanSettings.clear();
+    state.settingsAtResume.clear();
     state.debut_marque.reset();
     state.fin_marque = 500000.0;
     state.Liste_play.clear();
@@ -295,6 +327,7 @@ void resetSongPlan(AppState& state)
     state.writtenHoles.clear();
     state.notes_hors_gamme = 0;
     state.piste_courante = 0;
+    state.rollCleanup = {};
     state.nb_frappes = 0.0;
     state.distance_totale = 0.0;
     state.longueur_coupe = 0.0;

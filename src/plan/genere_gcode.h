@@ -18,6 +18,8 @@ enum class PlanError {
     SplitTooFine,        // a piece and its bridge (or gap) are under 1 ms of roll long together:
                          // long notes would be cut into countless pieces, or never end
     CannotWriteProgram,  // the Temp folder or the program file could not be written
+    SettingRefused,      // a setting Grbl would reject or misread (plan_checks.h); detail: the message
+    MarkRefused,         // a mark out of range or an end mark not after the start; detail: the message
 };
 
 // Genere_GCode ("generate G-code"): rebuilds the plan from Liste_tran unless garder_notes
@@ -28,12 +30,12 @@ enum class PlanError {
 Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
                                             bool sans_optimisation);
 
-// The best-width search: logs "Seeking for best optimizing width ", splits the song once,
-// then orders it for every band width from 1 to 30 mm and for the current Fourchette, and
+// The best-width search: logs "Seeking for best optimizing width ", splits the song once
+// (planSplit, roll cleanup included, as Genere_GCode does), then orders it for every band width from 1 to 30 mm and for the current Fourchette, and
 // keeps the width with the smallest distance_totale (the smaller width on a tie). The
 // chosen width goes into state.settings.Fourchette; returns it in mm. Nothing is written.
 // The split is kept as the song's plan (Liste_play, List_GC_Ycroissant, notes_hors_gamme,
-// piste_courante), so that Genere_GCode(state, true, false) then orders it at that width.
+// piste_courante, rollCleanup), so that Genere_GCode(state, true, false) then orders it at that width.
 Result<double, PlanError> searchBestWidth(AppState& state);
 
 // The change handlers of the plan's settings. A change of Type_machine, Lgponts or

@@ -310,6 +310,8 @@ PlanValues planValues(const Settings& settings, const OrganScale& scale)
     v.temps_poincon = v.L_poincon * 1000.0 / v.Vitcarton;
     v.BassesAF = leadingNumber(settings.BassesAF);
     v.standard_AF_actif = scale.standard_AF_actif;
+    v.rollCleanup = leadingNumber(settings.RollCleanup) != 0.0;
+    v.temps_trou_min = std::max(0.0, leadingNumber(settings.MinHoleLength)) * 1000.0 / v.Vitcarton;
     return v;
 }
 
@@ -352,23 +354,13 @@ std::vector<std::string> pairNotes(const std::vector<std::string>& Liste_tran,
     return notes;
 }
 
-SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fractionner,
-                          const PlanValues& values, const OrganScale& scale)
+std::vector<PlanNote> placeNotes(const std::vector<std::string>& noteLines, const OrganScale& scale)
 {
-    SplitResult result;
-    // 1. Bridges of the laser keep a margin, so that the last piece is never a sliver; the
-    //    punch works in strikes and needs none.
-    double marge_pont = 0.0;
-    double temps_morceau = values.temps_morceau;
-    if (values.laser)
-        marge_pont = static_cast<double>(roundHalfEven(values.temps_pont + 50.0));
-    else
-        temps_morceau = values.temps_poincon;
-
     const bool af = scale.standard_AF_actif;
     const int tableSize = af ? kAlderFennTracks : kMaxTracks;
     const int searched = std::clamp(scale.nb_notes, 0, tableSize);
-    result.pieces.reserve(noteLines.size());
+    std::vector<PlanNote> notes;
+    notes.reserve(noteLines.size());
 
     // The track of each note number 0-999 (-1 for none): the first table entry that
     // plays it.
@@ -383,30 +375,49 @@ SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fracti
             trackOfNote[static_cast<std::size_t>(tableNote(i))] = static_cast<std::int16_t>(i);
 
     for (const std::string& line : noteLines) {
-        // 2. The note line's fields: plain digits in the lines pairNotes makes.
+        // The note line's fields: plain digits in the lines pairNotes makes.
         const long long startDigits = line.size() < 19 ? -1 : digitsValue(line.data(), 7);
         const long long noteDigits = startDigits < 0 ? -1 : digitsValue(line.data() + 8, 3);
         const long long endDigits = noteDigits < 0 ? -1 : digitsValue(line.data() + 12, 7);
-        double start = 0.0;
-        double end = 0.0;
-        int piste = -1;
+        PlanNote& note = notes.emplace_back();
         if (endDigits >= 0) {
-            start = static_cast<double>(startDigits);
-            end = static_cast<double>(endDigits);
-            piste = trackOfNote[static_cast<std::size_t>(noteDigits)];
+            note.startMs = static_cast<double>(startDigits);
+            note.endMs = static_cast<double>(endDigits);
+            note.piste = trackOfNote[static_cast<std::size_t>(noteDigits)];
         } else {
-            start = fieldTime(mid(line, 1, 7));
-            end = fieldTime(mid(line, 13, 7));
-            const double note = fieldNumber(mid(line, 9, 3));
-            // 3. Its track: the first table entry that plays this note.
+            note.startMs = fieldTime(mid(line, 1, 7));
+            note.endMs = fieldTime(mid(line, 13, 7));
+            const double number = fieldNumber(mid(line, 9, 3));
+            // Its track: the first table entry that plays this note.
             for (int i = 0; i < searched; ++i) {
-                if (tableNote(i) == note) {
-                    piste = i;
+                if (tableNote(i) == number) {
+                    note.piste = i;
                     break;
                 }
             }
         }
+    }
+    return notes;
+}
+
+SplitResult splitNotes(const std::vector<PlanNote>& notes, bool fractionner, const PlanValues& values)
+{
+    SplitResult result;
+    // 1. Bridges of the laser keep a margin, so that the last piece is never a sliver; the
+    //    punch works in strikes and needs none.
+    double marge_pont = 0.0;
+    double temps_morceau = values.temps_morceau;
+    if (values.laser)
+        marge_pont = static_cast<double>(roundHalfEven(values.temps_pont + 50.0));
+    else
+        temps_morceau = values.temps_poincon;
+    result.pieces.reserve(notes.size());
+
+    for (const PlanNote& note : notes) {
+        double start = note.startMs;
+        const double end = note.endMs;
         const double duree = end - start;
+        const int piste = note.piste;
         if (piste < 0) {
             ++result.notes_hors_gamme;
             continue;
@@ -416,7 +427,7 @@ SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fracti
         auto add = [&](double from, double to) {
             result.pieces.push_back(Piece{roundedMs(from), piste, roundedMs(to), false});
         };
-        // 4. The pieces.
+        // 2. The pieces.
         if (fractionner && duree >= temps_morceau) {
             double reste = duree;
             // Genere_GCode refuses steps under 1 ms; a step that does not advance at all
@@ -436,6 +447,24 @@ SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fracti
         }
     }
     sortPieces(result.pieces);
+    return result;
+}
+
+SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fractionner,
+                          const PlanValues& values, const OrganScale& scale)
+{
+    return splitNotes(placeNotes(noteLines, scale), fractionner, values);
+}
+
+SplitResult planSplit(const std::vector<std::string>& noteLines, bool fractionner,
+                      const PlanValues& values, const OrganScale& scale)
+{
+    std::vector<PlanNote> notes = placeNotes(noteLines, scale);
+    RollCleanupCounts counts;
+    if (values.rollCleanup)
+        counts = cleanRoll(notes, rollCleanupValues(values, fractionner));
+    SplitResult result = splitNotes(notes, fractionner, values);
+    result.cleanup = counts;
     return result;
 }
 

@@ -13,6 +13,7 @@
 
 #include "app/settings.h"
 #include "plan/piece.h"
+#include "plan/roll_cleanup.h"
 #include "scales/organ_scale.h"
 
 namespace veltrin {
@@ -35,6 +36,8 @@ struct PlanValues {
     double Ldecoupe = 0.0;
     double BassesAF = 0.0;
     bool standard_AF_actif = false;
+    bool rollCleanup = false;     // RollCleanup: clean each track's notes before the split
+    double temps_trou_min = 0.0;  // MinHoleLength, as time
 };
 
 // The values of a generation. Vitcarton must not read 0.
@@ -54,7 +57,15 @@ struct SplitResult {
     std::vector<Piece> pieces;  // in plan order (start, track, end)
     int notes_hors_gamme = 0;
     int piste_courante = 0;
+    RollCleanupCounts cleanup;  // what planSplit's cleanup changed
 };
+
+// The note lines on their tracks (piste -1 for a note the scale does not play), in the
+// order of the lines; Decoupe_notes reads them so.
+std::vector<PlanNote> placeNotes(const std::vector<std::string>& noteLines, const OrganScale& scale);
+
+// The split of notes already on their tracks (see Decoupe_notes).
+SplitResult splitNotes(const std::vector<PlanNote>& notes, bool fractionner, const PlanValues& values);
 
 // Decoupe_notes ("split notes"): puts each note line on its track and cuts it into pieces:
 // laser pieces of temps_morceau separated by bridges of temps_pont, the last taking the
@@ -62,6 +73,16 @@ struct SplitResult {
 // end. fractionner false (laser without bridges) keeps each note whole.
 SplitResult Decoupe_notes(const std::vector<std::string>& noteLines, bool fractionner,
                           const PlanValues& values, const OrganScale& scale);
+
+// The plan of a generation and of the width search alike: Decoupe_notes, with the roll
+// cleanup (cleanRoll) between placing the notes and splitting them when values.rollCleanup
+// is set.
+SplitResult planSplit(const std::vector<std::string>& noteLines, bool fractionner,
+                      const PlanValues& values, const OrganScale& scale);
+
+// The cleanup's lengths for these values: the card between two notes is the bridge
+// (Lgponts), or kSeparationWithoutBridgesMm of roll when Lgponts is 0.
+RollCleanupValues rollCleanupValues(const PlanValues& values, bool fractionner);
 
 // Position_piste for the given values (see genere_gcode.h).
 double Position_piste(const PlanValues& values, int piste);
@@ -181,6 +202,7 @@ struct ReportInput {
     double L_poincon = 0.0;
     int vitesse_avance = 0;
     int notes_hors_gamme = 0;
+    std::string rollCleanup;  // rollCleanupReport's line; empty: none
     double duree_metre_laser = 999.0;
     double duree_trou_poincon = 999.0;
     char decimalSeparator = '.';

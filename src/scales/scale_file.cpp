@@ -135,6 +135,10 @@ ScaleLoad parseScaleText(std::string_view content, Settings& settings, OrganScal
     LineReader reader(content);
     std::string_view line;
     const auto stop = [&reader](ScaleError error) { return ScaleLoad{error, reader.count()}; };
+    // What a maker would not expect of the file goes into the log, named by the scale.
+    const auto warn = [&log, &settings](const std::string& text) {
+        log.append("Warning: scale \"" + settings.Standard + "\": " + text);
+    };
 
     // 3. Skip the "//" header lines; only those at the top of the file are headers.
     if (!reader.next(line))
@@ -168,12 +172,25 @@ ScaleLoad parseScaleText(std::string_view content, Settings& settings, OrganScal
     if (!toInt16(leadingNumber(countText.empty() ? countText : countText.substr(1)), trackCount))
         return stop(ScaleError::Overflow);
     scale.nb_notes = trackCount;
+    const int countLine = reader.count();
+    if (!countText.empty() && countText[0] >= '0' && countText[0] <= '9') {
+        warn("line " + std::to_string(countLine) + ": the track count is read from its second character: \"" +
+             std::string(countText) + "\" reads as " + std::to_string(trackCount) + " tracks (write \" " +
+             std::string(countText) + "\" for " + plainNumber(leadingNumber(countText)) + ")");
+    }
+    if (trackCount > kMaxTracks) {
+        warn("line " + std::to_string(countLine) + ": " + std::to_string(trackCount) +
+             " tracks, but a scale holds at most 51; loading stops at the 52nd note");
+    }
 
     // 10. One note per track, rounded. The line is read before its index is checked, so
     // a 52nd note line is where a too long scale stops.
     for (int track = 0; track < trackCount; ++track) {
-        if (!reader.next(line))
+        if (!reader.next(line)) {
+            warn("the file ends after " + std::to_string(track) + " of its " + std::to_string(trackCount) +
+                 " note lines; loading stopped there");
             return stop(ScaleError::EndOfFile);
+        }
         if (track >= kMaxTracks)
             return stop(ScaleError::TooManyTracks);
         int note = 0;
@@ -185,20 +202,49 @@ ScaleLoad parseScaleText(std::string_view content, Settings& settings, OrganScal
     // 11. and 12.
     scale.standard_AF_actif = false;
     const double drawingFactor = 382.0 / scale.largeur_carton;
-    if (!(scale.largeur_carton > 0.0) || !std::isfinite(drawingFactor))
+    if (!(scale.largeur_carton > 0.0) || !std::isfinite(drawingFactor)) {
+        warn("the roll width (second value) is " + plainNumber(scale.largeur_carton) +
+             "; it must be above 0 mm; loading stopped");
         return stop(ScaleError::BadWidth);
+    }
     scale.facteur_dessin = drawingFactor;
+    // The last track's axis beyond the roll's far edge is a file whose values do not agree.
+    const double lastTrackMm = leadingNumber(settings.Talon) + (trackCount - 1) * leadingNumber(settings.Dist_notes);
+    if (trackCount > 0 && lastTrackMm > scale.largeur_carton) {
+        warn("track " + std::to_string(trackCount - 1) + " lies at " + plainNumber(lastTrackMm) +
+             " mm from the border, beyond the roll width of " + plainNumber(scale.largeur_carton) + " mm");
+    }
     log.append("Standard : " + settings.Standard);
     return ScaleLoad{ScaleError::None, reader.count()};
+}
+
+std::string scaleFilePath(std::string_view dossier_documents, std::string_view name)
+{
+    namespace fs = std::filesystem;
+    if (name.empty())
+        return {};
+    const std::string folder = instrumentsFolder(dossier_documents);
+    const std::string exact = folder + "/" + std::string(name) + ".txt";
+    std::error_code error;
+    if (fs::is_regular_file(exact, error))
+        return exact;
+    // The listing takes ".TXT" and ".Txt" too; so does the lookup.
+    fs::directory_iterator it(folder, error);
+    for (; !error && it != fs::directory_iterator(); it.increment(error)) {
+        std::error_code entryError;
+        const std::string fileName = it->path().filename().string();
+        if (hasTxtExtension(fileName) && fileName.size() == name.size() + 4 &&
+            std::string_view(fileName).substr(0, name.size()) == name && it->is_regular_file(entryError))
+            return it->path().string();
+    }
+    return {};
 }
 
 ScaleLoad charge_standard(std::string_view dossier_documents, Settings& settings,
                           OrganScale& scale, MessageLog& log)
 {
-    const std::filesystem::path path =
-        instrumentsFolder(dossier_documents) + "/" + settings.Standard + ".txt";
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(path, error))
+    const std::string path = scaleFilePath(dossier_documents, settings.Standard);
+    if (path.empty())
         return ScaleLoad{ScaleError::FileMissing, 0};
     std::ifstream file(path, std::ios::binary);
     if (!file)

@@ -44,12 +44,20 @@ void Def_notes_AF(OrganScale& scale);
 // Loads a scale from the content of its file (lines ended by CR LF, LF or CR), under the
 // name settings.Standard: "//" header lines at the top, then Vitcarton, largeur_carton,
 // Talon, Dist_notes, longueur_pli, nb_notes (read from its line's second character) and
-// nb_notes note lines. Logs "Standard : <name>" when the whole file was read.
+// nb_notes note lines. Logs "Standard : <name>" when the whole file was read. Logs a line
+// "Warning: scale "<name>": ..." for what a maker would not expect: a track count whose first
+// character is a digit (it is dropped), more than 51 tracks, fewer note lines than the count,
+// a roll width that is not above 0, a last track beyond the roll width.
 ScaleLoad parseScaleText(std::string_view content, Settings& settings, OrganScale& scale,
                          MessageLog& log);
 
-// charge_standard ("load standard"): loads the scale named settings.Standard from
-// instrumentsFolder(dossier_documents) + "/" + name + ".txt" (see parseScaleText).
+// The file of the scale named name: instrumentsFolder(dossier_documents) + "/" + name +
+// ".txt", or, when there is none, the file of that name whose extension is ".txt" in another
+// case ("Upper.TXT"), as list_std_perso lists it. Empty when there is neither.
+std::string scaleFilePath(std::string_view dossier_documents, std::string_view name);
+
+// charge_standard ("load standard"): loads the scale named settings.Standard from its file
+// (scaleFilePath; see parseScaleText).
 ScaleLoad charge_standard(std::string_view dossier_documents, Settings& settings,
                           OrganScale& scale, MessageLog& log);
 

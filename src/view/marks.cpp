@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "plan/plan_checks.h"
+
 namespace veltrin {
 
 double stripOffset(const std::array<double, 4>& stripLengths, int strip)
@@ -51,12 +53,16 @@ Result<std::string, PlanError> writeBetweenMarks(AppState& state)
 
 Result<std::string, PlanError> setStartMark(AppState& state, double timeMs)
 {
+    if (auto checked = checkMarks(timeMs, state.fin_marque); !checked)
+        return fail(checked.error(), checked.detail());
     state.debut_marque = timeMs;
     return writeBetweenMarks(state);
 }
 
 Result<std::string, PlanError> setEndMark(AppState& state, double timeMs)
 {
+    if (auto checked = checkMarks(state.debut_marque, timeMs); !checked)
+        return fail(checked.error(), checked.detail());
     state.fin_marque = timeMs;
     return writeBetweenMarks(state);
 }

@@ -42,7 +42,8 @@ StripClickOutcome stripClick(bool busy, MouseButton button, bool modifierHeld,
 // loaded (chemin_morceau not empty) each also logs "Gcode writing between marks" and
 // rewrites the program for the stretch between the marks with the pieces of the last plan
 // (Genere_GCode(true, true)), returning its path; without a song only the mark is stored
-// and the path is empty.
+// and the path is empty. A mark that checkMarks refuses (not a time from 0 to 9999999 ms, or
+// an end not after the start) is not stored: PlanError::MarkRefused with the message.
 Result<std::string, PlanError> setStartMark(AppState& state, double timeMs);
 Result<std::string, PlanError> setEndMark(AppState& state, double timeMs);
 

@@ -3,6 +3,7 @@
 #include "app/settings_store_qt.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <initializer_list>
 #include <map>
 #include <string>
@@ -154,6 +155,34 @@ TEST_F(SettingsRoundTrip, EditsAreSavedAsTheyHappen)
     changeSetting(state, m_store, "Vitcarton", "64");
     EXPECT_EQ(stored({"VitcartonAF", "Vitcarton"}), "64|<missing>");
     EXPECT_EQ(start().settings.Vitcarton, "64") << "saved edits survive a run without quit";
+}
+
+// A settings file that QSettings cannot read as settings, or cannot open: start-up says so,
+// with its path, and goes on with the defaults.
+TEST_F(SettingsRoundTrip, ASettingsFileThatCannotBeReadIsLoggedWithItsPath)
+{
+    const std::filesystem::path file = kConfig.path() / "Veltrin" / "Veltrin.conf";
+    std::filesystem::create_directories(file.parent_path());
+    struct Case {
+        bool folder;  // a folder where the file should be
+        const char* problem;
+    };
+    for (const Case c : {Case{false, "is not in the settings format (what cannot be read takes its default)"},
+                         Case{true, "cannot be opened (every setting takes its default)"}}) {
+        std::filesystem::remove_all(file);
+        if (c.folder)
+            std::filesystem::create_directories(file);
+        else
+            testing::writeText(file, "[Startup\nType_machine=Punch\n");
+        // QSettings reads a file once for all its objects: the first one made sees the error.
+        QtSettingsStore broken;
+        EXPECT_EQ(broken.problem(), std::string("Settings file ") + c.problem + ": " + file.string());
+        AppState state;
+        Form_Load(state, broken, {"", documents.str()});
+        EXPECT_TRUE(state.user_msg_list.text().starts_with(broken.problem() + "\r\n")) << state.user_msg_list.text();
+    }
+    std::filesystem::remove_all(file);
+    EXPECT_EQ(QtSettingsStore().problem(), "") << "a missing file is no problem";
 }
 
 }  // namespace

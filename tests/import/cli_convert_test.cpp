@@ -1,6 +1,8 @@
 // veltrin-cli convert, run as a user would: the built program, with its Documents folder
 // (VELTRIN_DOCUMENTS) and its settings (XDG_CONFIG_HOME) in a temporary folder.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -155,33 +157,161 @@ TEST_F(CliConvert, StoredScaleWithoutItsFileIsRefused)
     EXPECT_EQ(convert({song, "--scale", "Kolby 27-29"}).exitCode, 0) << "a built-in scale for this run";
 }
 
-// Settings typed wrong in the dialog: the run ends with a reason instead of hanging on a
-// split that never advances, or sending Grbl a real-time command inside the power.
-TEST_F(CliConvert, SettingsThatCannotMakeARoll)
+// Settings typed wrong in the dialog: the run ends with a message naming the key and its
+// value, before anything is decoded or written.
+TEST_F(CliConvert, RefusedSettingsNameTheKeyAndWriteNothing)
 {
-    const ConvertRun stuck = convert({song, "--defaults", "--machine", "punch", "--set", "L_poincon=0", "--set", "Lgponts=0"});
-    EXPECT_EQ(stuck.exitCode, 1);
-    EXPECT_NE(stuck.err.find("L_poincon + Lgponts must be at least 0.06 mm"), std::string::npos) << stuck.err;
-    const ConvertRun backwards = convert({song, "--defaults", "--set", "Vitcarton=-60"});
-    EXPECT_EQ(backwards.exitCode, 1);
-    EXPECT_NE(backwards.err.find("Vitcarton is below 0"), std::string::npos) << backwards.err;
-    EXPECT_FALSE(std::filesystem::exists(temp() / "valse.gcode"));
-
-    const ConvertRun power = convert({song, "--defaults", "--set", "Laser_power=5?0!"});
-    ASSERT_EQ(power.exitCode, 0) << power.err;
-    EXPECT_NE(readText(temp() / "valse.gcode").find("\r\nM3 S50 ;Laser power 50. M3 = constant power\r\n"),
-              std::string::npos);
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--set", "VitesseF=abc"}, "VitesseF = \"abc\": the laser feed must be a number above 0 (mm/min)"},
+        {{"--set", "Laser_power=abc"}, "Laser_power = \"abc\": the laser power must be a whole number from 0 to 1000"},
+        {{"--set", "Laser_power=5?0!"}, "Laser_power = \"5?0!\""},
+        {{"--set", "Type_machine=Drill"}, "Type_machine = \"Drill\": the machine must be Laser or Punch"},
+        {{"--machine", "punch", "--set", "L_poincon=0", "--set", "Lgponts=0"},
+         "L_poincon = \"0\": the punch size along the roll must be a number above 0 (mm)"},
+        {{"--machine", "punch", "--set", "L_poincon=0.01", "--set", "Lgponts=0"},
+         "L_poincon = \"0.01\": L_poincon + Lgponts must be at least 0.06 mm (1 ms of roll)"},
+        {{"--set", "Vitcarton=-60"}, "Vitcarton = \"-60\": the roll speed must be a number above 0 (mm/s)"},
+        {{"--set", "Fourchette=abc"}, "Fourchette = \"abc\""},
+        // Only the song tells: its last hole ends at 4.2 s, at Y 126000 mm.
+        {{"--set", "Vitcarton=30000", "--set", "Lgponts=0"}, "Vitcarton = \"30000\": the hole at 4.2 s of the song would lie at Y 126000 mm"},
+    };
+    for (const auto& [settings, message] : cases) {
+        std::vector<std::string> args = {song, "--defaults"};
+        args.insert(args.end(), settings.begin(), settings.end());
+        const ConvertRun run = convert(args);
+        EXPECT_EQ(run.exitCode, 2) << message << "\n" << run.err;
+        EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+        EXPECT_FALSE(run.has("Ready to punch")) << message;
+        EXPECT_FALSE(std::filesystem::exists(temp() / "valse.gcode")) << message;
+    }
+    // "laser" in any case is the laser.
+    const ConvertRun upper = convert({song, "--defaults", "--set", "Type_machine=LASER"});
+    ASSERT_EQ(upper.exitCode, 0) << upper.err;
+    EXPECT_EQ(upper.out.at(0), "Gcode generation for laser perforator");
+    EXPECT_TRUE(readText(temp() / "valse.gcode").starts_with(";Laser gcode"));
 }
 
-TEST_F(CliConvert, ProgramThatCannotBeWrittenSaysWhy)
+TEST_F(CliConvert, MarksAreCheckedBeforeAnyProgramIsWritten)
+{
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--start-mark", "3000", "--end-mark", "2000"},
+         "end mark = \"2000\": the end mark must come after the start mark (3000 ms)"},
+        {{"--end-mark", "-300"}, "end mark = \"-300\": a mark must be a time from 0 to 9999999 ms"},
+        {{"--start-mark", "nan"}, "start mark = \"nan\""},
+        {{"--end-mark", "inf"}, "end mark = \"inf\""},
+        {{"--start-mark", "10000000"}, "start mark = \"10000000\""},
+    };
+    for (const auto& [marks, message] : cases) {
+        std::vector<std::string> args = {song, "--defaults"};
+        args.insert(args.end(), marks.begin(), marks.end());
+        const ConvertRun run = convert(args);
+        EXPECT_EQ(run.exitCode, 2) << message << "\n" << run.err;
+        EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+        EXPECT_FALSE(std::filesystem::exists(temp() / "valse.gcode")) << message;
+    }
+}
+
+TEST_F(CliConvert, OutNeverReplacesWhatIsReadNorAnythingButAFile)
 {
     const auto folder = dir.path() / "a folder";
     std::filesystem::create_directories(folder);
-    const ConvertRun run = convert({song, "--defaults", "--out", folder.string()});
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("the program was not written: " + folder.string() + ": Is a directory"), std::string::npos)
+    const auto link = dir.path() / "link.gcode";
+    std::filesystem::create_symlink(song, link);
+    const std::string fifo = (dir.path() / "pipe").string();
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::string before = readText(song);
+    const std::pair<std::string, std::string> cases[] = {
+        {song, "that is " + song + ", which is read"},
+        {(dir.path() / "." / "valse.mid").string(), "which is read"},
+        {link.string(), "which is read"},
+        {folder.string(), "a folder, not a file"},
+        {fifo, "not a regular file"},
+        {"/dev/null", "not a regular file"},
+    };
+    for (const auto& [out, message] : cases) {
+        const ConvertRun run = convert({song, "--defaults", "--out", out});
+        EXPECT_EQ(run.exitCode, 2) << out << "\n" << run.err;
+        EXPECT_NE(run.err.find("--out " + out + ": "), std::string::npos) << run.err;
+        EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+    }
+    EXPECT_EQ(readText(song), before) << "the song is untouched";
+    // A resume file and the song it names are both read.
+    const auto rep = dir.path() / "valse.mid.rep";
+    testing::writeText(rep, song + "\r\n0\r\n0\r\n7\r\n");
+    EXPECT_EQ(convert({rep.string(), "--defaults", "--out", song}).exitCode, 2);
+    EXPECT_EQ(readText(song), before);
+    // An existing program is replaced.
+    const auto older = dir.path() / "older.gcode";
+    testing::writeText(older, "old");
+    const ConvertRun replaced = convert({song, "--defaults", "--out", older.string()});
+    ASSERT_EQ(replaced.exitCode, 0) << replaced.err;
+    EXPECT_TRUE(readText(older).starts_with(";Laser gcode"));
+}
+
+TEST_F(CliConvert, SongsThatCannotBeReadSayWhy)
+{
+    const auto folder = dir.path() / "songs";
+    std::filesystem::create_directories(folder);
+    const std::pair<std::string, std::string> cases[] = {
+        {(dir.path() / "none.mid").string(), ": no such file"},
+        {folder.string(), ": a folder, not a file"},
+    };
+    for (const auto& [input, reason] : cases) {
+        const ConvertRun run = convert({input, "--defaults"});
+        EXPECT_EQ(run.exitCode, 2);
+        EXPECT_NE(run.err.find("cannot read " + input + reason), std::string::npos) << run.err;
+    }
+}
+
+// Options stand before or after the song, --set included.
+TEST_F(CliConvert, OptionsBeforeOrAfterTheSongAndAGivenWidthIsKept)
+{
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--defaults", "--set", "Fourchette=12", "--set", "Vitcarton=30", song},
+             {song, "--set", "Fourchette=12", "--defaults", "--set", "Vitcarton=30"},
+             {"--set", "Fourchette=12", song, "--set", "Vitcarton=30", "--defaults"},
+         }) {
+        const ConvertRun run = convert(args);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_FALSE(run.has("Seeking for best optimizing width ")) << "a width given is used as given";
+        EXPECT_TRUE(run.has("Travel optimizing 12(Width : 400)")) << "12 mm at 30 mm/s";
+    }
+    store("Fourchette=5\n");
+    ASSERT_EQ(convert({song, "--set", "Fourchette=12"}).exitCode, 0);
+    EXPECT_NE(stored().find("Fourchette=5"), std::string::npos) << "a --set is for this run only: " << stored();
+}
+
+// A file scale whose extension is written in capitals is listed and chosen by its name.
+TEST_F(CliConvert, AScaleFileWithACapitalExtensionIsChosenByItsName)
+{
+    const auto folder = dir.path() / "Veltrin" / "Instruments";
+    std::filesystem::create_directories(folder);
+    testing::writeText(folder / "Upper.TXT", testing::kStreetOrgan);
+    const ConvertRun run = convert({song, "--defaults", "--scale", "Upper"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    // The street organ plays notes 60 and 62 only: three of the five notes are out of it.
+    EXPECT_TRUE(run.has("--->  3 notes are not in the organ scale"));
+
+    // A scale file's warnings reach the terminal.
+    testing::writeText(folder / "Twelve.txt", "60\n100\n7\n5\n0\n12\n60\n62\n");
+    const ConvertRun warned = convert({song, "--defaults", "--scale", "Twelve"});
+    ASSERT_EQ(warned.exitCode, 0) << warned.err;
+    EXPECT_NE(warned.err.find("veltrin-cli convert: Warning: scale \"Twelve\": line 6: the track count is read from "
+                              "its second character: \"12\" reads as 2 tracks"),
+              std::string::npos)
+        << warned.err;
+}
+
+// A settings file that is not one: said, with its path.
+TEST_F(CliConvert, ASettingsFileThatCannotBeReadIsReported)
+{
+    store("Type_machine=Punch\n[Broken\n");
+    const ConvertRun run = convert({song});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.err.find("Settings file is not in the settings format (what cannot be read takes its default): " +
+                           configFile().string()),
+              std::string::npos)
         << run.err;
-    EXPECT_FALSE(std::filesystem::exists(folder.string() + ".tmp")) << "no half-written file is left";
 }
 
 TEST_F(CliConvert, DecoderErrorIsPrintedAndTheProgramStillWritten)

@@ -6,6 +6,7 @@
 
 #include "import/midi_bytes.h"
 #include "midi/resume_file.h"
+#include "plan/genere_gcode.h"
 #include "scales/scale_file.h"
 #include "support/temp_dir.h"
 
@@ -109,17 +110,77 @@ TEST_F(SongImport, SeveralFilesDecodeOnlyTheCurrentEntry)
 TEST_F(SongImport, ResumeFileRestartsAtItsTimeWithItsBandWidth)
 {
     const std::string path = song("valse.mid");
-    ASSERT_TRUE(writeResumeFile(resumePathFor(path), {path, 2000, 37, "11"}).ok());
+    ASSERT_TRUE(writeResumeFile(resumePathFor(path), {path, 2000, 37, "11", {}}).ok());
     auto report = Ouvre_midi(state, {resumePathFor(path)}, 0, options);
     ASSERT_TRUE(report.ok()) << report.detail();
     EXPECT_TRUE(report->resumed);
     EXPECT_EQ(state.chemin_morceau, path);
-    EXPECT_EQ(state.settings.Fourchette, "11");
-    EXPECT_EQ(store.read("Fourchette"), "11");
+    EXPECT_TRUE(logged("Travel optimizing 11(Width : 183)")) << state.user_msg_list.text();
+    EXPECT_TRUE(logged("Resume file without settings: the current settings are used, with its Fourchette 11"));
+    EXPECT_EQ(state.settings.Fourchette, "7") << "the operator's value stays";
+    EXPECT_FALSE(store.read("Fourchette").has_value()) << "nothing of a resume file is saved";
     EXPECT_EQ(state.debut_marque, 2000.0);
     EXPECT_FALSE(logged("Seeking for best optimizing width "));
     EXPECT_EQ(report->programPath, (temp() / "valse_between marks.gcode").string());
     EXPECT_EQ(holeYs(readText(report->programPath)), (std::vector<double>{120, 180, 240}));
+}
+
+// A resume file brings the values its program was made with: the song is made again with
+// them, later generations of the same song keep them (but for a value the operator changes
+// afterwards), and none of them becomes the operator's setting.
+TEST_F(SongImport, ResumeFileSettingsMakeTheSongAgainWithoutReplacingTheOperators)
+{
+    const std::string path = song("valse.mid");
+    Settings made = state.settings;
+    made.Type_machine = "Punch";
+    made.Vitcarton = "80";
+    SettingList settings = planSettingsOf(made, state.scale);
+    settings.emplace_back("fin_marque", "3500");
+    ASSERT_TRUE(writeResumeFile(resumePathFor(path), {path, 1000, 12, "9", settings}).ok());
+    const Settings operatorSettings = state.settings;
+
+    auto report = Ouvre_midi(state, {resumePathFor(path)}, 0, options);
+    ASSERT_TRUE(report.ok()) << report.detail();
+    EXPECT_TRUE(report->settingsRestored);
+    const auto log = testing::textLines(state.user_msg_list.text());
+    ASSERT_GE(log.size(), 3u);
+    EXPECT_EQ(log[0] + "|" + log[1] + "|" + log[2],
+              "Gcode generation for punch perforator|Resume file value kept: Type_machine=Punch (settings: "
+              "Laser)|Resume file value kept: Vitcarton=80 (settings: 60)");
+    EXPECT_TRUE(logged("Travel optimizing 9(Width : 112)"));
+    // Strikes at 80 mm/s, the first of a note centred 1.5 mm after its start: the notes from
+    // 1 s up to the end mark at 3.5 s.
+    const auto strikesFrom = [](const std::string& program, std::vector<double> firsts) {
+        const std::vector<double> ys = holeYs(program);
+        bool all = !ys.empty() && ys.front() == firsts.front() && ys.back() < 80 * 3.5 + 1.5;
+        for (const double y : firsts)
+            all = all && std::count(ys.begin(), ys.end(), y) == 1;
+        return all;
+    };
+    EXPECT_TRUE(strikesFrom(readText(report->programPath), {81.5, 161.5, 241.5}));
+    EXPECT_EQ(state.fin_marque, 3500.0);
+    EXPECT_EQ(settingValue(state.programSettings, "Vitcarton"), "80");
+    EXPECT_EQ(settingLines(planSettingsOf(state.settings, state.scale)),
+              settingLines(planSettingsOf(operatorSettings, state.scale)));
+    EXPECT_TRUE(store.values().empty());
+
+    // A mark later: still the resume file's values.
+    state.debut_marque = 2000.0;
+    auto marked = Genere_GCode(state, false, false);
+    ASSERT_TRUE(marked.ok());
+    EXPECT_TRUE(strikesFrom(readText(marked.value()), {161.5, 241.5}));
+    // The operator's own change wins for that key alone.
+    state.settings.Fourchette = "4";
+    ASSERT_TRUE(fourchetteChanged(state).has_value());
+    EXPECT_TRUE(logged("Travel optimizing 4(Width : 50)")) << state.user_msg_list.text();
+    EXPECT_EQ(settingValue(state.programSettings, "Vitcarton"), "80");
+    EXPECT_EQ(settingValue(state.programSettings, "Fourchette"), "4");
+
+    // Another song: the operator's settings alone.
+    auto other = Ouvre_midi(state, {song("other.mid")}, 0, {nullptr, false});
+    ASSERT_TRUE(other.ok());
+    EXPECT_EQ(holeYs(readText(other->programPath)), (std::vector<double>{0, 60, 120, 180, 240}));
+    EXPECT_TRUE(state.songPlanSettings.empty());
 }
 
 // An upper-case ".REP" is no resume file: it is decoded as a song (no MThd header); a cut

@@ -200,6 +200,53 @@ TEST(GrblEmulatorSettings, ListsTheDefaultsAndTakesWrites)
     EXPECT_EQ(count(moving.send("$$\r"), "\r\n"), 35);
 }
 
+TEST(GrblEmulatorSettings, LaserModeIsOnForOurMachinesOffForTheFactoryAndCanBeChosen)
+{
+    struct Case {
+        bool factory;
+        int laserMode;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {false, -1, "$32=1\r\n"}, {true, -1, "$32=0\r\n"}, {false, 0, "$32=0\r\n"}, {true, 1, "$32=1\r\n"},
+    };
+    for (const auto& c : cases) {
+        GrblEmulatorOptions o = options(0, c.factory);
+        o.laserMode = c.laserMode;
+        Board board(o);
+        EXPECT_NE(board.send("$$\r").find(c.expected), std::string::npos)
+            << "factory " << c.factory << ", laser mode " << c.laserMode;
+    }
+}
+
+TEST(GrblEmulatorSettings, BuildInfoTellsTheSpeedFactor)
+{
+    for (const double speed : {0.0, 1.0, 20.0, 2.5}) {
+        Board board(options(speed));
+        std::ostringstream expected;
+        expected << "[VER:1.1h.20190830:emulator x" << speed << "]\r\n[OPT:V,15,128]\r\nok\r\n";
+        EXPECT_EQ(board.send("$I\r"), expected.str());
+    }
+}
+
+TEST(GrblEmulatorFaults, OkToEverythingIsNoGrblAtAll)
+{
+    GrblEmulatorOptions o = options();
+    o.okToEverything = true;
+    o.bootMs = 0;
+    GrblEmulator board(o);
+    board.advance(2000);
+    EXPECT_EQ(board.takeOutput(), "") << "no welcome text";
+    board.receive("?");
+    board.receive("\x18");
+    board.advance(2100);
+    EXPECT_EQ(board.takeOutput(), "") << "real-time bytes are not understood";
+    board.receive("$$\rG5 X1\rFOO\r");
+    board.advance(2200);
+    EXPECT_EQ(board.takeOutput(), "ok\r\nok\r\nok\r\n");
+    EXPECT_EQ(board.linesReceived(), 3);
+}
+
 TEST(GrblEmulatorHoming, OurImageHomesXOnlyAndTakesTheTimeOfTheSearch)
 {
     Board board(options(1, false));

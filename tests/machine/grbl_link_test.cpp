@@ -56,6 +56,10 @@ protected:
         remplir_glossaire(state.Liste_commentaires_grbl);
         state.settings.VitesseF = "800";
         state.settings.VitesseF_poin = "8000";
+        // No status polling here: these cases play every byte of the controller by hand.
+        LinkTimings timings;
+        timings.statusEveryMs = 0;
+        link.setTimings(timings);
     }
 
     void collect()
@@ -121,11 +125,23 @@ protected:
     // Starts a job and plays the welcome text that answers its soft reset.
     void startJob(JobProgram p)
     {
+        const bool laser = p.laser;
         written.clear();
         ASSERT_TRUE(link.envoi_programme(std::move(p), now));
         collect();
         ASSERT_EQ(takeWritten(), "\x18");
         grbl(kBanner);
+        passChecks(laser);
+    }
+    // The checks between the welcome text and the first line: "$I", and "$$" for a laser.
+    void passChecks(bool laser, std::string_view version = "[VER:1.1h.20190830:]")
+    {
+        ASSERT_EQ(takeWritten(), "$I\r");
+        grbl(std::string(version) + "\r\n[OPT:V,15,128]\r\nok\r\n");
+        if (laser) {
+            ASSERT_EQ(takeWritten(), "$$\r");
+            grbl("$30=1000\r\n$31=0\r\n$32=1\r\n$100=250.000\r\nok\r\n");
+        }
     }
     const std::string& log() const { return state.user_msg_list.text(); }
     Outcomes outcomes() const
@@ -206,7 +222,7 @@ TEST_F(LinkTest, CommandsWaitForTheResponseOfTheOneBefore)
     link.jog('Y', -50);
     collect();
     EXPECT_EQ(takeWritten(), "$J=G91X50F800\r");
-    grbl("<Jog|MPos:1.000,0.000,0.000|FS:800,0>\r\nALARM:2\r\n[MSG:Reset to continue]\r\n");
+    grbl("<Jog|MPos:1.000,0.000,0.000|FS:800,0>\r\nALARM:9\r\n[MSG:Pgm End]\r\n");
     EXPECT_EQ(written, "");
     EXPECT_TRUE(commands.empty());
     grbl("error:15\r\n");
@@ -216,7 +232,12 @@ TEST_F(LinkTest, CommandsWaitForTheResponseOfTheOneBefore)
     EXPECT_EQ(commands[0].reply, "error:15");
     EXPECT_EQ(commands[1].reply, "ok");
     EXPECT_FALSE(link.commandPending());
-    EXPECT_NE(log().find("$J=G91X50F800 < <Jog|MPos:1.000,0.000,0.000|FS:800,0>\r\n < ALARM:2\r\n"), npos);
+    EXPECT_NE(log().find("$J=G91X50F800 < ALARM:9 (homing fail: no limit switch found within the search distance "
+                         "(max travel $130, wiring))\r\n < [MSG:Pgm End]\r\n < error:15 (jog target beyond the "
+                         "machine's travel: jog ignored)\r\n"),
+              npos)
+        << "status reports are not logged; errors and alarms carry their meaning";
+    EXPECT_EQ(link.status().state, "Jog");
 }
 
 TEST_F(LinkTest, HomingRefusalIsExplainedAndARestartReleasesTheWaitingCommand)
@@ -285,6 +306,7 @@ TEST_F(LinkTest, JobResetsThenSendsOneLineAtATimeWithoutComments)
     grbl("ok\r\n<Idle|MPos:0.000,0.000,0.000|FS:0,0>\r\n");
     EXPECT_EQ(written, "") << "nothing leaves before the welcome text";
     grbl(kBanner);
+    passChecks(true);
     EXPECT_EQ(takeWritten(), "$HX\r");
     grbl("[MSG:Caution: Unlocked]\r\n<Home|MPos:0.000,0.000,0.000|FS:0,0>\r\n");
     EXPECT_EQ(written, "");
@@ -355,7 +377,10 @@ TEST_F(LinkTest, ErrorHoldsUntilResumedAndStopResetsThenSendsM5)
     EXPECT_EQ(written, "");
     EXPECT_TRUE(link.job().held());
     EXPECT_TRUE(state.en_pause);
-    EXPECT_NE(log().find("Grbl refused line 2 (error:20): punch held\r\nHit Continue to resume\r\n"), npos);
+    EXPECT_NE(log().find("Grbl refused line 2: error:20 (unsupported or invalid G-code command). Punch held\r\n"
+                         "Hit Continue to resume\r\n"),
+              npos);
+    EXPECT_EQ(link.job().holdReason(), HoldReason::Refused);
     pause();
     EXPECT_EQ(takeWritten(), "~G1 Y2 F800\r");
     stop();
@@ -393,22 +418,36 @@ TEST_F(LinkTest, StopEndsAgainstASilentControllerAndTheLateM5AnswerBelongsToNobo
     ASSERT_EQ(commands.size(), 1u);
 }
 
-TEST_F(LinkTest, AlarmOrRestartMidJobHoldsAndResumeResendsTheLostLine)
+TEST_F(LinkTest, AlarmOrRestartMidJobHoldsAndResumeResendsTheLostLineButNotAfterALimitAlarm)
 {
     connectWithBanner();
     startJob(program({"G0 X1 Y1", "G1 X2 F800", "G1 Y2 F800"}));
-    grbl("ALARM:1\r\n[MSG:Reset to continue]\r\n");
-    EXPECT_TRUE(link.job().held());
+    grbl("ALARM:9\r\n");
+    EXPECT_EQ(link.job().holdReason(), HoldReason::Alarm);
     grbl("ok\r\n");  // the line in flight is still answered, but nothing follows it
     EXPECT_EQ(takeWritten(), "G0 X1 Y1\r");
-    EXPECT_NE(log().find("Grbl alarm ALARM:1: punch held at line 1"), npos);
+    EXPECT_NE(log().find("Grbl alarm: ALARM:9 (homing fail: no limit switch found"), npos) << log();
     pause();
     EXPECT_EQ(takeWritten(), "~G1 X2 F800\r");
-    grbl(kBanner);
+
+    // A hard limit: Grbl hears nothing but a soft reset, so Continue cannot work.
+    grbl("ALARM:1\r\n[MSG:Reset to continue]\r\n");
+    EXPECT_EQ(link.job().holdReason(), HoldReason::CriticalAlarm);
+    EXPECT_TRUE(link.controllerDeaf());
+    EXPECT_NE(log().find("ALARM:1 (hard limit switch hit"), npos);
+    EXPECT_NE(log().find("Grbl answers nothing now until a soft reset: Stop the job"), npos);
+    pause();
+    EXPECT_EQ(written, "");
     EXPECT_TRUE(link.job().held());
+    EXPECT_NE(log().find("only Stop ends this hold"), npos);
+
+    grbl(kBanner);
+    EXPECT_FALSE(link.controllerDeaf());
+    EXPECT_EQ(link.job().holdReason(), HoldReason::Restarted);
     EXPECT_NE(log().find("Grbl restarted during the job: punch held at line 2"), npos);
     pause();
     EXPECT_EQ(takeWritten(), "~G1 X2 F800\r");
+    EXPECT_EQ(link.job().holdCount(), 3);
 }
 
 TEST_F(LinkTest, SimulationShowsALineEvery50MsPausesAndWritesNothing)
@@ -512,6 +551,10 @@ TEST_F(LinkTest, ResumePointFollowsTheAcknowledgedHoles)
     grbl("ok\r\n");
     advanceTo(now + JobStreamer::kResumeEveryMs);
     EXPECT_EQ(resumes.back().restartLine, 6);
+    EXPECT_DOUBLE_EQ(resumes.back().restartMs, 500) << "acknowledged, but maybe still in the planner";
+    // Idle after a report that came once both holes were acknowledged: they are cut.
+    grbl("<Run|MPos:10.000,31.500,0.000|FS:8000,0>\r\n<Idle|MPos:10.000,31.500,0.000|FS:0,0>\r\n");
+    advanceTo(now + JobStreamer::kResumeEveryMs);
     EXPECT_DOUBLE_EQ(resumes.back().restartMs, 2000);
     grbl("error:9\r\n");
     EXPECT_EQ(resumes.back().restartLine, 7) << "a hold writes at once";

@@ -96,3 +96,85 @@ TEST(TimeTexts, ClockTextAndLearnedDuration)
 
 }  // namespace
 }  // namespace veltrin
+
+namespace veltrin {
+namespace {
+
+TEST(GrblCodes, EveryErrorAndAlarmOfGrblHasItsMeaningInWords)
+{
+    // Grbl 1.1h leaves error codes 18 and 19 unused.
+    for (int code = 1; code <= 38; ++code) {
+        if (code == 18 || code == 19)
+            EXPECT_TRUE(errorMeaning(code).empty()) << code;
+        else
+            EXPECT_GT(errorMeaning(code).size(), 10u) << code;
+    }
+    for (int code = 1; code <= 9; ++code)
+        EXPECT_GT(alarmMeaning(code).size(), 10u) << code;
+    for (const int code : {0, -1, 39, 100}) {
+        EXPECT_TRUE(errorMeaning(code).empty()) << code;
+        EXPECT_TRUE(alarmMeaning(code).empty()) << code;
+    }
+    EXPECT_TRUE(alarmMeaning(10).empty());
+    EXPECT_EQ(explainedReply("error:22"), "error:22 (feed rate not set)");
+    EXPECT_EQ(explainedReply("ALARM:2"),
+              "ALARM:2 (soft limit: a motion target lies beyond the machine's travel; the position is kept)");
+    EXPECT_EQ(explainedReply("error:19"), "error:19") << "no words for an unknown code";
+    EXPECT_EQ(explainedReply("ok"), "ok");
+    EXPECT_TRUE(isCriticalAlarm(1));
+    EXPECT_TRUE(isCriticalAlarm(2));
+    EXPECT_FALSE(isCriticalAlarm(3));
+}
+
+TEST(StatusReport, StateAndPositionFromMachineOrWorkCoordinates)
+{
+    struct Case {
+        const char* line;
+        bool parsed;
+        const char* state;
+        bool machine;
+        double x, y, z;
+        bool offset;
+        double ox;
+    };
+    const Case cases[] = {
+        {"<Idle|MPos:0.000,0.000,0.000|FS:0,0>", true, "Idle", true, 0, 0, 0, false, 0},
+        {"<Run|MPos:-12.500,301.250,-1.000|FS:800,1000>", true, "Run", true, -12.5, 301.25, -1, false, 0},
+        {"<Hold:0|WPos:5.000,6.000,0.000|FS:0,0|WCO:-195.000,0.000,0.000>", true, "Hold:0", false, 5, 6, 0, true, -195},
+        {"<Alarm|WPos:1.000,2.000,3.000>", true, "Alarm", false, 1, 2, 3, false, 0},
+        {"<Idle|FS:0,0>", false, "", true, 0, 0, 0, false, 0},
+        {"<Idle|MPos:1.000,2.000>", false, "", true, 0, 0, 0, false, 0},
+        {"<|MPos:1.000,2.000,3.000>", false, "", true, 0, 0, 0, false, 0},
+        {"Idle|MPos:1.000,2.000,3.000", false, "", true, 0, 0, 0, false, 0},
+        {"<Run|MPos:x,2.000,3.000>", false, "", true, 0, 0, 0, false, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        const auto report = parseStatusReport(c.line);
+        ASSERT_EQ(report.has_value(), c.parsed);
+        if (!report)
+            continue;
+        EXPECT_EQ(report->state, c.state);
+        EXPECT_EQ(report->machinePosition, c.machine);
+        EXPECT_DOUBLE_EQ(report->position[0], c.x);
+        EXPECT_DOUBLE_EQ(report->position[1], c.y);
+        EXPECT_DOUBLE_EQ(report->position[2], c.z);
+        EXPECT_EQ(report->hasWorkOffset, c.offset);
+        EXPECT_DOUBLE_EQ(report->workOffset[0], c.ox);
+    }
+}
+
+TEST(EmulatorSpeed, ReadFromTheBuildInfoOfTheVersionLine)
+{
+    EXPECT_EQ(emulatorSpeed("[VER:1.1h.20190830:" + emulatorBuildInfo(20) + "]"), 20.0);
+    EXPECT_EQ(emulatorSpeed("[VER:1.1h.20190830:" + emulatorBuildInfo(0.5) + "]"), 0.5);
+    EXPECT_EQ(emulatorSpeed("[VER:1.1h.20190830:emulator x0]"), 0.0);
+    EXPECT_EQ(emulatorSpeed("[VER:1.1h.20190830:emulator x1]"), 1.0);
+    EXPECT_FALSE(emulatorSpeed("[VER:1.1h.20190830:]"));
+    EXPECT_FALSE(emulatorSpeed("[VER:1.1h.20190830:my laser]"));
+    EXPECT_FALSE(emulatorSpeed("[VER:1.1h.20190830:emulator x]"));
+    EXPECT_FALSE(emulatorSpeed("[OPT:V,15,128]"));
+}
+
+}  // namespace
+}  // namespace veltrin

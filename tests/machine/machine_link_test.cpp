@@ -7,6 +7,8 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
+#include <QDir>
+#include <QSerialPort>
 #include <QTemporaryDir>
 
 #include <fcntl.h>
@@ -16,6 +18,7 @@
 
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <set>
 
 #include "app/app_state.h"
@@ -81,10 +84,13 @@ std::vector<std::string> laserProgram(int holes, double stepMm = 1.0)
     return lines;
 }
 
-// What Grbl should receive of a program: each line without its comment, empty ones left out.
-std::vector<std::string> sentLines(const std::vector<std::string>& program)
+// What Grbl should receive of a program: the checks after the soft reset ("$I", and "$$" for a
+// laser), then each line without its comment, empty ones left out.
+std::vector<std::string> sentLines(const std::vector<std::string>& program, bool laser = true)
 {
-    std::vector<std::string> out;
+    std::vector<std::string> out = {"$I"};
+    if (laser)
+        out.push_back("$$");
     for (const auto& line : program) {
         if (std::string text = lineToSend(line); !text.empty())
             out.push_back(text);
@@ -243,9 +249,11 @@ TEST_F(MachineLinkTest, SilentPortSaysNoGrblOnThisBoard)
     EXPECT_TRUE(logHas("No Grbl on this board\r\n"));
     EXPECT_TRUE(state.connecte);
     EXPECT_FALSE(state.ouvre_midi_actif);
-    char buffer[16] = {};
+    char buffer[64] = {};
     const ssize_t got = read(silent.master, buffer, sizeof buffer);
-    EXPECT_EQ(std::string(buffer, got > 0 ? static_cast<std::size_t>(got) : 0), "\r");
+    const std::string sent(buffer, got > 0 ? static_cast<std::size_t>(got) : 0);
+    EXPECT_EQ(sent.substr(0, 1), "\r");
+    EXPECT_EQ(sent.find_first_not_of("?", 1), std::string::npos) << "then only status requests: " << sent;
     port->closePort();
 }
 
@@ -341,7 +349,7 @@ TEST_F(MachineLinkTest, CliStreamSendsALongJobWholeAndInOrder)
     std::size_t oks = 0;
     for (auto at = run.out.find("  < ok\n"); at != std::string::npos; at = run.out.find("  < ok\n", at + 1))
         ++oks;
-    EXPECT_EQ(oks, sent.size());
+    EXPECT_EQ(oks, sent.size() - 2) << "the checks are not logged";
 }
 
 TEST_F(MachineLinkTest, PauseResumeAndStopInTheMiddle)
@@ -386,11 +394,11 @@ TEST_F(MachineLinkTest, PauseResumeAndStopInTheMiddle)
 
 TEST_F(MachineLinkTest, ErrorHoldsTheJobAndStopStillWorksWithSplitReplies)
 {
-    startEmulator({"--error-at", "60:20", "--split-replies"});  // lines count from power-up: "$HX" is line 1
+    startEmulator({"--error-at", "62:20", "--split-replies"});  // lines count from power-up: "$I" is line 1
     connect();
     punch(laserProgram(100));
     ASSERT_TRUE(waitUntil([this] { return port->link().job().held(); }, 20000));
-    EXPECT_TRUE(logHas("(error:20): punch held"));
+    EXPECT_TRUE(logHas(": error:20 (unsupported or invalid G-code command). Punch held"));
     EXPECT_EQ(port->link().job().progress(), 61u) << "the title line and 60 lines answered, one response each";
     waitUntil([] { return false; }, 300);
     EXPECT_EQ(port->link().job().progress(), 61u);
@@ -398,7 +406,7 @@ TEST_F(MachineLinkTest, ErrorHoldsTheJobAndStopStillWorksWithSplitReplies)
     ASSERT_TRUE(waitUntil([this] { return !outcomes.empty(); }, 10000));
     EXPECT_EQ(outcomes[0], JobOutcome::Cancelled);
     auto expected = sentLines(laserProgram(100));
-    expected.resize(60);
+    expected.resize(62);
     expected.push_back("M5");
     EXPECT_EQ(record(), expected);
 }
@@ -449,30 +457,38 @@ TEST_F(MachineLinkTest, NextRollFollowsAfterTheRollGap)
     port->link().setHost(nullptr);
 }
 
-TEST_F(MachineLinkTest, CliStreamStopsOnTheFirstInterrupt)
+TEST_F(MachineLinkTest, CliStreamStopsOnTheFirstInterruptTermOrHangUpAndLeavesAResumeFile)
 {
-    startEmulator({"--speed", "20"});
     const auto program = laserProgram(200, 20.0);
     const QString path = dir.filePath("slow.gcode");
     writeLines(path, program);
-    QProcess process;
-    startCli(process, {"stream", path, "--port", emulator->portPath(), "--defaults"}, config());
-    ASSERT_TRUE(process.waitForStarted(5000));
-    QByteArray out;
-    ASSERT_TRUE(waitUntil([&] {
+    for (const int signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
+        SCOPED_TRACE(signalNumber);
+        startEmulator({"--speed", "20"});
+        const QString song = dir.filePath(QStringLiteral("song%1.mid").arg(signalNumber));
+        QProcess process;
+        startCli(process, {"stream", path, "--port", emulator->portPath(), "--defaults", "--song", song}, config());
+        ASSERT_TRUE(process.waitForStarted(5000));
+        QByteArray out;
+        ASSERT_TRUE(waitUntil([&] {
+            out += process.readAllStandardOutput();
+            return out.count("< ok") >= 40;
+        }, 20000));
+        ::kill(static_cast<pid_t>(process.processId()), signalNumber);
+        ASSERT_TRUE(process.waitForFinished(10000));
         out += process.readAllStandardOutput();
-        return out.count("< ok") >= 40;
-    }, 20000));
-    ::kill(static_cast<pid_t>(process.processId()), SIGINT);
-    ASSERT_TRUE(process.waitForFinished(10000));
-    out += process.readAllStandardOutput();
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(process.exitCode(), 1);
-    EXPECT_TRUE(out.contains("Punch cancelled\n")) << out.toStdString();
-    const auto lines = record();
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.back(), "M5");
-    EXPECT_LT(lines.size(), sentLines(program).size());
+        EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(process.exitCode(), 1);
+        EXPECT_TRUE(out.contains("Punch cancelled\n")) << out.toStdString();
+        const auto lines = record();
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines.back(), "M5");
+        EXPECT_LT(lines.size(), sentLines(program).size());
+        const auto resume = readResumeFile(resumePathFor(song.toStdString()));
+        ASSERT_TRUE(resume.ok());
+        EXPECT_GE(resume->restartLine, 40);
+        emulator.reset();
+    }
 }
 
 TEST_F(MachineLinkTest, CliExitCodesForBadInputAndMissingMachines)
@@ -511,7 +527,7 @@ TEST_F(MachineLinkTest, HangUpLeavesAResumeFileThatRegeneratesEveryHoleNotAcknow
     const auto program = readLines(first);
     ASSERT_GT(program.size(), 500u);
 
-    startEmulator({"--hangup-after", "400"});
+    startEmulator({"--hangup-after", "402"});  // "$I" and "$$" first
     const CliRun stream = runCli({"stream", first, "--port", emulator->portPath(), "--defaults", "--song", song,
                                   "--set", "Fourchette=5"},
                                  config());
@@ -522,7 +538,12 @@ TEST_F(MachineLinkTest, HangUpLeavesAResumeFileThatRegeneratesEveryHoleNotAcknow
     const auto resume = readResumeFile(resumePathFor(song.toStdString()));
     ASSERT_TRUE(resume.ok());
     EXPECT_EQ(resume->songPath, song.toStdString());
-    EXPECT_EQ(resume->Fourchette, "5");
+    // The band width the program was made with (its record file), not this run's "--set".
+    std::ifstream programFile(first.toStdString(), std::ios::binary);
+    const std::string programText((std::istreambuf_iterator<char>(programFile)), std::istreambuf_iterator<char>());
+    const auto made = readProgramRecord(first.toStdString(), programText);
+    ASSERT_TRUE(made.ok());
+    EXPECT_EQ(resume->Fourchette, settingValue(made->settings, "Fourchette").value_or("?"));
     // 400 lines answered: the first not acknowledged is the 401st line sent.
     std::size_t notAcknowledged = 0;
     for (int sent = 0; notAcknowledged < program.size(); ++notAcknowledged) {
@@ -559,9 +580,181 @@ TEST_F(MachineLinkTest, CliConsoleAnswersEachCommandThenEndsWithItsInput)
                               "$$\nG5\n$J=G91X50F800\n");
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_NE(run.out.find("$$\n$0=10 (Step pulse time)\n"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("G5\nerror:20\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("G5\nerror:20 (unsupported or invalid G-code command)\n"), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("$J=G91X50F800\nok\n"), std::string::npos) << run.out;
     EXPECT_EQ(record(), (std::vector<std::string>{"$$", "G5", "$J=G91X50F800"}));
+}
+
+// --- a link that never hangs, and the checks before a job ---
+
+TEST_F(MachineLinkTest, CliStreamDoesNotStartOnABoardThatIsNotGrblOrHasLaserModeOff)
+{
+    const QString path = dir.filePath("song.gcode");
+    writeLines(path, laserProgram(5));
+    const struct {
+        QStringList options;
+        const char* message;
+        std::vector<std::string> received;
+    } cases[] = {
+        // Passes the detection (it answers the "\r" with "ok") but says nothing to a soft reset.
+        {{"--ok-to-everything"}, "The board does not answer like Grbl: no welcome text within 5 s of its soft reset. "
+                                 "Punch not started\n", {""}},
+        {{"--laser-mode", "0"}, "Laser mode is off ($32=0): Grbl would keep the beam on during G0 travel and burn "
+                                "lines across the roll. Send $32=1 to turn it on. Punch not started\n", {"$I", "$$"}},
+        {{"--factory-settings"}, "Laser mode is off ($32=0)", {"$I", "$$"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.options.join(' ').toStdString());
+        startEmulator(c.options);
+        const CliRun run = runCli({"stream", path, "--port", emulator->portPath(), "--defaults"}, config());
+        EXPECT_EQ(run.exitCode, 1) << run.err;
+        EXPECT_NE(run.out.find(c.message), std::string::npos) << run.out;
+        EXPECT_EQ(run.out.find(">  G0"), std::string::npos) << "no program line sent";
+        EXPECT_EQ(record(), c.received);
+        emulator.reset();
+    }
+}
+
+TEST_F(MachineLinkTest, CliStreamHoldsAndStopsWhenTheControllerFallsSilent)
+{
+    startEmulator({"--silent-after", "30"});
+    const QString path = dir.filePath("song.gcode");
+    writeLines(path, laserProgram(20));
+    const QString song = dir.filePath("silent.mid");
+    const CliRun run =
+        runCli({"stream", path, "--port", emulator->portPath(), "--defaults", "--song", song}, config());
+    EXPECT_EQ(run.exitCode, 1) << run.err;
+    EXPECT_NE(run.out.find("The controller is not answering: no status report for 5 s. Punch held at line "),
+              std::string::npos)
+        << run.out;
+    EXPECT_NE(run.out.find("Punch cancelled\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.err.find("job held: stopping"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("progress: "), std::string::npos) << "without a terminal, a line every few seconds";
+    EXPECT_NE(run.err.find(" of 105  "), std::string::npos) << run.err;
+    EXPECT_EQ(run.out.find("<Idle"), std::string::npos) << "status reports stay out of the log";
+    const auto resume = readResumeFile(resumePathFor(song.toStdString()));
+    ASSERT_TRUE(resume.ok());
+    EXPECT_GT(resume->restartLine, 20);
+}
+
+TEST_F(MachineLinkTest, CliStreamOnErrorContinuesOrStopsAndWithoutATerminalStops)
+{
+    const auto program = laserProgram(20);
+    const QString path = dir.filePath("song.gcode");
+    writeLines(path, program);
+    const struct {
+        QStringList extra;
+        int exitCode;
+        const char* decision;
+    } cases[] = {
+        {{"--on-error", "continue"}, 0, "job held: continuing"},
+        {{"--on-error", "stop"}, 1, "job held: stopping"},
+        {{}, 1, "job held: stopping"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.extra.join(' ').toStdString());
+        startEmulator({"--error-at", "12:20"});
+        const QString song = dir.filePath("held.mid");
+        QFile::remove(song + ".rep");
+        const CliRun run = runCli(QStringList{"stream", path, "--port", emulator->portPath(), "--defaults", "--song",
+                                              song} + c.extra,
+                                  config());
+        EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
+        EXPECT_NE(run.out.find("Grbl refused line 11: error:20 (unsupported or invalid G-code command). Punch held\n"),
+                  std::string::npos)
+            << run.out;
+        EXPECT_NE(run.err.find(c.decision), std::string::npos) << run.err;
+        EXPECT_NE(run.out.find(c.exitCode == 0 ? "End of punch\n" : "Punch cancelled\n"), std::string::npos);
+        const auto resume = readResumeFile(resumePathFor(song.toStdString()));
+        ASSERT_TRUE(resume.ok());
+        if (c.exitCode == 0) {
+            EXPECT_EQ(record(), sentLines(program)) << "every line sent once, the refused one included";
+        } else {
+            EXPECT_EQ(resume->restartLine, 11) << "the line after the refused one";
+            EXPECT_EQ(record().back(), "M5");
+        }
+        emulator.reset();
+    }
+}
+
+TEST_F(MachineLinkTest, AnEmulatedRunAtAnotherSpeedLeavesTheLearnedDurationsAlone)
+{
+    const QString path = dir.filePath("song.gcode");
+    writeLines(path, laserProgram(10));
+    const QString settings = dir.filePath("config/Veltrin/Veltrin.conf");
+    QDir().mkpath(dir.filePath("config/Veltrin"));
+    writeLines(settings, {"[Startup]", "duree_metre_laser=0.5"});
+    startEmulator({"--speed", "50"});
+    const CliRun run = runCli({"stream", path, "--port", emulator->portPath()}, config());
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.out.find("End of punch\nEmulated board at speed x50: the learned durations stay as they were\n"),
+              std::string::npos)
+        << run.out;
+    const auto stored = readLines(settings);
+    EXPECT_NE(std::find(stored.begin(), stored.end(), "duree_metre_laser=0.5"), stored.end())
+        << "still the value before the run";
+}
+
+TEST_F(MachineLinkTest, PortThatCannotBeUsedSaysWhy)
+{
+    startEmulator({});
+    QSerialPort holder(emulator->portPath());
+    ASSERT_TRUE(holder.open(QIODevice::ReadWrite)) << holder.errorString().toStdString();
+    const QString plainFile = dir.filePath("notes.txt");
+    writeLines(plainFile, {"not a port"});
+    const QString program = dir.filePath("song.gcode");
+    writeLines(program, laserProgram(1));
+    const struct {
+        QString port;
+        const char* reason;
+    } cases[] = {
+        {dir.filePath("ttyUSB9"), "it does not exist (is the board plugged in?)"},
+        {plainFile, "it is not a serial port"},
+        {emulator->portPath(), "it is busy: another program"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.port.toStdString());
+        for (const char* command : {"stream", "console"}) {
+            QStringList arguments{command};
+            if (std::string_view(command) == "stream")
+                arguments << program;
+            arguments << "--port" << c.port << "--defaults";
+            const CliRun run = runCli(arguments, config());
+            EXPECT_EQ(run.exitCode, 1);
+            const std::string expected = "cannot open the port " + c.port.toStdString() + ": " + c.reason;
+            EXPECT_NE(run.err.find(expected), std::string::npos) << run.err;
+        }
+    }
+    // Without write access the port is no longer "busy" but forbidden.
+    EXPECT_EQ(MachinePort::openFailureReason(true, true, false, QSerialPort::PermissionError, "Permission denied"),
+              "permission denied (on Linux, add your user to the dialout group and log in again)");
+    EXPECT_EQ(MachinePort::openFailureReason(true, true, true, QSerialPort::UnknownError, "Inappropriate ioctl for device"),
+              "it is not a serial port");
+}
+
+TEST_F(MachineLinkTest, CliConsoleGivesUpOnASilentControllerAndGetsPastALimitAlarmWithCtrlX)
+{
+    startEmulator({"--factory-settings", "--silent-after", "1"});
+    const CliRun silent = runCli({"console", "--port", emulator->portPath(), "--defaults"}, config(), "G4 P0\n$$\n");
+    EXPECT_EQ(silent.exitCode, 1);
+    EXPECT_NE(silent.out.find("The controller is not answering: no status report for 5 s, command given up: \"$$\""),
+              std::string::npos)
+        << silent.out;
+    emulator.reset();
+
+    // A hard limit after the first line: Grbl hears nothing until Ctrl-X.
+    startEmulator({"--factory-settings", "--alarm-at", "1:1"});
+    const CliRun alarm = runCli({"console", "--port", emulator->portPath(), "--defaults"}, config(),
+                                "G4 P0\n$$\n$G\n\x18\n$I\n");
+    EXPECT_EQ(alarm.exitCode, 1) << "commands were given up";
+    EXPECT_NE(alarm.out.find("ALARM:1 (hard limit switch hit"), std::string::npos) << alarm.out;
+    EXPECT_NE(alarm.out.find("until a soft reset (Ctrl-X): given up: \"$$\"\n"), std::string::npos) << alarm.out;
+    EXPECT_NE(alarm.out.find("until a soft reset (Ctrl-X): command not sent: \"$G\"\n"), std::string::npos)
+        << alarm.out;
+    EXPECT_NE(alarm.out.find("Soft reset (Ctrl-X)\n"), std::string::npos) << alarm.out;
+    EXPECT_NE(alarm.out.find("[VER:1.1h.20190830:emulator x0]\n[OPT:V,15,128]\nok\n"), std::string::npos)
+        << alarm.out;
+    EXPECT_EQ(record(), (std::vector<std::string>{"G4 P0", "$$", "$I"})) << "the \"$$\" sent before the alarm came";
 }
 
 }  // namespace

@@ -220,6 +220,7 @@ TEST(SearchBestWidth, SmallestWidthOfTheShortestTravel)
     useWideScale(state);
     state.Liste_tran = testing::songEvents({{0, 5, 30}, {10, 15, 50}, {20, 25, 30}, {30, 35, 50}});
     state.settings.Fourchette = "7.5";
+    state.settings.RollCleanup = "0";  // the 5 ms notes as they are
     auto chosen = searchBestWidth(state);
     ASSERT_TRUE(chosen.ok());
     EXPECT_EQ(chosen.value(), 2.0);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "plan/genere_gcode.h"
+#include "plan/plan_steps.h"
 #include "plan_test_support.h"
 
 namespace veltrin {
@@ -172,13 +173,19 @@ TEST_F(Marks, OneMarkOnly)
 }
 
 // A roll 10^150 mm wide: every X is 151 digits long, so the program outgrows its first guess
-// of about 90 bytes a hole, and the long texts are copied whole.
+// of about 90 bytes a hole, and the long texts are copied whole. Genere_GCode refuses such a
+// roll; the writer is driven directly.
 TEST_F(Program, HugeCoordinatesOutgrowTheFirstGuess)
 {
     state.settings.Talon = "1e150";
-    state.Liste_tran = testing::songEvents({{1000, 1200, 60}, {1050, 1650, 64}});
+    const std::vector<Piece> pieces = {{1000, 0, 1200}, {1050, 2, 1300}, {1325, 2, 1650}};
+    WriterInput input;
+    input.finale = &pieces;
+    input.values = planValues(state.settings, state.scale);
+    input.Laser_mode = "M3";
+    input.Laser_power = "1000";
     const std::string x = "1" + std::string(150, '0');
-    const std::string program = generate();
+    const std::string program = writeProgram(input, false).text;
     EXPECT_EQ(program.substr(program.find("G0 X")), cut(x, "60", x, "72") + cut(x, "63", x, "78") +
                                                         cut(x, "79.5", x, "99") + crlf({"G0 M5 S0"}));
 }

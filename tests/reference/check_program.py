@@ -10,7 +10,8 @@ program between the marks (the last one written when both marks are set) and the
 log printed on standard output, every report included (run with
 LC_ALL=C, so the report's decimal separator is ".").  Settings live in a temporary
 config folder (XDG_CONFIG_HOME), the Documents folder is a temporary one
-(VELTRIN_DOCUMENTS) holding the scale files.
+(VELTRIN_DOCUMENTS) holding the scale files.  The model is the plan without the roll
+cleanup, so every conversion runs with --set RollCleanup=0.
 
 --fresh-track: the model starts every generation with derniere_piste 0 instead of
 the track that the previous generation (the last one of the width search) ended on.
@@ -48,16 +49,16 @@ VARIANTS = [
     ("punch", AF, {"Lgponts": "1.1", "L_poincon": "4.7", "VitesseF_poin": "7000.5",
                    "duree_trou_poincon": "0.35", "Gen_entete": "0"}, None, True),
     ("laser", KOLBY, {"Fourchette": "45"}, None, True),  # the current width outside 1..30
-    ("punch", KOLBY, {"Fourchette": "abc"}, None, True),  # reads as 0 mm: a band per start time
+    ("punch", KOLBY, {"Fourchette": "0.0"}, None, True),  # 0 mm: a band per start time
     ("laser", AF, {"Fourchette": "0.5"}, None, True),
-    # power and origin texts, feed rates rounded to whole numbers, a Laser_mode other than "M3"
-    # (M4), a learned duration of more than a day (wraps round)
-    ("laser", KOLBY, {"VitesseF": "1200.50", "Laser_power": "750.0", "Laser_mode": "m3",
-                      "OrigineX": "-2.50", "duree_metre_laser": "9.5"}, None, True),
+    # power and origin texts, feed rates rounded to whole numbers, M4, a learned duration of
+    # more than a day (wraps round)
+    ("laser", KOLBY, {"VitesseF": "1200.50", "Laser_power": "750.0", "Laser_mode": "M4",
+                      "OrigineX": "2.50", "duree_metre_laser": "9.5"}, None, True),
     ("punch", KOLBY, {"VitesseF_poin": "6000.5", "OrigineX_poin": "0", "duree_trou_poincon": "61.7"}, None, True),
     ("laser", AF, {"VitesseF": "1000.5", "Ldecoupe": "3.7", "Talon": "9.25"}, None, True),
 ]
-FIXED_WIDTHS = [("laser", KOLBY, {"Fourchette": f}, None, False) for f in ("0", "1", "6", "7.50", "30", "abc", "-3")]
+FIXED_WIDTHS = [("laser", KOLBY, {"Fourchette": f}, None, False) for f in ("0", "1", "6", "7.50", "30", "0.0", "2.25")]
 FIXED_WIDTHS += [("laser", KOLBY, {"Fourchette": "5", "Vitcarton": "80"}, None, False)]  # 62.5 ms: half to even
 FIXED_WIDTHS += [("punch", AF, {"Fourchette": f}, None, False) for f in ("3", "12", "45")]
 MARKS = [
@@ -68,7 +69,7 @@ MARKS = [
     ("laser", KOLBY, {"Vitcarton": "47"}, (2500.5, 2500.9), True),  # no hole between the marks
     ("punch", KOLBY, {}, (900000.0, None), True),  # start mark past the end: nothing written
     ("laser", KOLBY, {"Fourchette": "11"}, (0.4, 60000.0), False),  # start mark below 1 ms
-    ("punch", KOLBY, {}, (20000.0, 5000.0), False),  # end before start
+    ("punch", KOLBY, {}, (20000.0, 20000.5), False),  # end just after start: no hole
     ("laser", AF, {}, (0.0, None), False),  # a start mark of 0 is no mark: song.gcode
     ("punch", AF, {}, (0.0, 15000.0), False),
 ]
@@ -180,8 +181,17 @@ def check_one(cli, song, events, config, work, env, scale_files, fresh_track):
     temp = os.path.join(env["VELTRIN_DOCUMENTS"], "Veltrin", "Temp")
     for f in os.listdir(temp):
         os.remove(os.path.join(temp, f))
-    cmd = [cli, "convert", song, "--defaults", "--machine", machine, "--scale", scale]
-    cmd += [a for k, v in sets.items() for a in ("--set", "%s=%s" % (cli_key(k, scale), v))]
+    cmd = [cli, "convert", song, "--machine", machine, "--scale", scale]
+    cmd += ["--set", "RollCleanup=0"]  # the model is the plan without the roll cleanup
+    # A --set Fourchette is used as given, with no search: the current width of a search is
+    # a stored one, the other settings at their defaults.
+    stored = {k: v for k, v in sets.items() if search and k == "Fourchette"}
+    conf = os.path.join(env["XDG_CONFIG_HOME"], "Veltrin", "Veltrin.conf")
+    os.makedirs(os.path.dirname(conf), exist_ok=True)
+    with open(conf, "w") as fh:
+        fh.write("[Startup]\n" + "".join("%s=%s\n" % kv for kv in stored.items()))
+    cmd += [] if stored else ["--defaults"]
+    cmd += [a for k, v in sets.items() if k not in stored for a in ("--set", "%s=%s" % (cli_key(k, scale), v))]
     cmd += [] if search else ["--no-width-search"]
     if marks:  # both programs land in the Temp folder
         cmd += ["--start-mark", repr(start_mark)] if start_mark is not None else []

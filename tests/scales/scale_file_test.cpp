@@ -1,5 +1,6 @@
 #include "scales/scale_file.h"
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -110,13 +111,50 @@ TEST(ParseScaleText, StopsAtTheFirstErrorKeepingWhatItRead)
     EXPECT_EQ(tooLong.scale.notes_standard[50], 90);
     EXPECT_TRUE(tooLong.scale.standard_AF_actif) << "later steps never ran";
     EXPECT_EQ(tooLong.scale.facteur_dessin, 1.25);
-    EXPECT_EQ(tooLong.log.text(), "");
+    EXPECT_EQ(tooLong.log.text(), "Warning: scale \"test\": line 6: 52 tracks, but a scale holds at most 51; "
+                                  "loading stops at the 52nd note\r\n");
 
     const Loaded early = parse("//h\n70\n150\n8.5\n");
     EXPECT_EQ(early.settings.Talon + "|" + early.settings.Dist_notes, "8.5|4.2") << "Dist_notes never reached";
     const Loaded flat = parse("60\nwide\n7\n5\n0\n 0\n", before);
     EXPECT_EQ(flat.scale.facteur_dessin, 1.25);
     EXPECT_FALSE(flat.scale.standard_AF_actif) << "cleared before the width is used";
+}
+
+// What a maker would not expect is said in the log; the load goes as it would without.
+TEST(ParseScaleText, WarnsAboutWhatAMakerWouldNotExpect)
+{
+    struct Case {
+        std::string text;
+        ScaleError error;
+        std::string warning;  // empty: none
+    };
+    const Case cases[] = {
+        {scaleText("26", 26), ScaleError::None,
+         "line 6: the track count is read from its second character: \"26\" reads as 6 tracks (write \" 26\" for 26)"},
+        {scaleText("3 // tracks", 3), ScaleError::None, "\"3 \" reads as 0 tracks"},
+        {scaleText(" 40", 40), ScaleError::None, "track 39 lies at 202 mm from the border, beyond the roll width of 200 mm"},
+        {scaleText(" 10", 7), ScaleError::EndOfFile, "the file ends after 7 of its 10 note lines; loading stopped there"},
+        {scaleText(" 60", 60), ScaleError::TooManyTracks, "line 6: 60 tracks, but a scale holds at most 51"},
+        {"60\n0\n7\n5\n0\n 1\n60\n", ScaleError::BadWidth,
+         "the roll width (second value) is 0; it must be above 0 mm; loading stopped"},
+        {"60\n100\n7\n5\n0\n 2\n60\n62\n", ScaleError::None, ""},
+        {"60\n12\n7\n5\n0\n 2\n60\n62\n", ScaleError::None, "track 1 lies at 12 mm from the border"},  // on the edge: fine
+    };
+    for (const Case& c : cases) {
+        const Loaded r = parse(c.text);
+        EXPECT_EQ(r.load.error, c.error) << c.text;
+        const std::string log = r.log.text();
+        if (c.warning.empty()) {
+            EXPECT_EQ(log.find("Warning"), std::string::npos) << log;
+        } else if (c.warning.starts_with("track 1 lies at 12 mm")) {
+            EXPECT_EQ(log.find("Warning"), std::string::npos) << "a track on the edge is on the roll: " << log;
+        } else {
+            EXPECT_NE(log.find("Warning: scale \"test\": "), std::string::npos) << log;
+            EXPECT_NE(log.find(c.warning), std::string::npos) << log;
+        }
+        EXPECT_EQ(log.ends_with("Standard : test\r\n"), c.error == ScaleError::None) << log;
+    }
 }
 
 TEST(DefStandard, InstallsTheBuiltInScalesAndNeverReadsAFileOfTheirName)
@@ -167,6 +205,28 @@ TEST(ListStdPerso, ListsTheScaleFilesSortedAfterTheBuiltIns)
     EXPECT_EQ(list_std_perso(documents.str()),
               (std::vector<std::string>{"Kolby 27-29", "Alder Fenn 20", "barrel a", "Barrel B",
                                         "Caliope", "zither"}));
+}
+
+// Every name the list offers can be chosen: "Caliope" is the file "Caliope.TXT".
+TEST(ScaleFilePath, FindsEveryListedScaleWhateverTheCaseOfItsExtension)
+{
+    TempDir documents;
+    const std::string folder = instrumentsFolder(documents.str());
+    std::filesystem::create_directories(folder);
+    testing::writeText(folder + "/Caliope.TXT", testing::kStreetOrgan);
+    testing::writeText(folder + "/Upper.Txt", testing::kStreetOrgan);
+    documents.writeScale("Street", testing::kStreetOrgan);
+    EXPECT_EQ(scaleFilePath(documents.str(), "Caliope"), folder + "/Caliope.TXT");
+    EXPECT_EQ(scaleFilePath(documents.str(), "Street"), folder + "/Street.txt");
+    for (const char* absent : {"caliope", "Calio", "Caliope.TXT", ""})
+        EXPECT_EQ(scaleFilePath(documents.str(), absent), "") << "names keep their case: " << absent;
+    for (const std::string& name : list_std_perso(documents.str())) {
+        Settings settings;
+        settings.Standard = name;
+        OrganScale scale;
+        MessageLog log;
+        EXPECT_TRUE(Def_standard(documents.str(), settings, scale, log).ok()) << name;
+    }
 }
 
 }  // namespace

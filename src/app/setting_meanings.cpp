@@ -1,0 +1,44 @@
+#include "app/setting_meanings.h"
+
+namespace veltrin {
+
+const SettingMeaning* settingMeaning(std::string_view key)
+{
+    static const SettingMeaning kMeanings[] = {
+        {"Port", "", "serial port of the machine (ttyUSB0, /dev/ttyACM0, COM3)"},
+        {"Type_machine", "", "tool of the machine: Laser or Punch"},
+        {"VitesseF", "mm/min", "laser cutting feed"},
+        {"OrigineX", "mm", "laser: distance from the homing point to the roll's X origin"},
+        {"VitesseF_poin", "mm/min", "punch: feed of the moves between holes"},
+        {"OrigineX_poin", "mm", "punch: distance from the homing point to the roll's X origin"},
+        {"Laser_power", "0-1000", "laser maximum power, the S value of M3/M4"},
+        {"Lgponts", "mm", "laser: length of a bridge left between pieces (0 = no bridges); punch: gap between strikes"},
+        {"Dist_ponts", "mm", "laser: length of a piece between two bridges"},
+        {"Fourchette", "mm", "width of a travel-optimizing band (chosen by the width search)"},
+        {"Laser_mode", "", "laser power mode: M3 constant power, M4 adaptive power"},
+        {"L_poincon", "mm", "punch size along the roll (Y)"},
+        {"Gen_entete", "0/1", "1 = write the homing header ($HX, G92) into programs"},
+        {"Standard", "", "name of the organ scale (see the scales command)"},
+        {"Vitcarton", "mm/s", "roll speed through the organ (27-29-note scale and file scales)"},
+        {"Ldecoupe", "mm", "hole size across the roll"},
+        {"Dist_notes", "mm", "spacing between track centres"},
+        {"Talon", "mm", "distance from the roll border to the first track's axis"},
+        {"BassesAF", "mm", "width of the four bass holes of the 20-note scale"},
+        {"VitcartonAF", "mm/s", "roll speed, 20-note scale"},
+        {"LdecoupeAF", "mm", "hole size across the roll, 20-note scale"},
+        {"Dist_notesAF", "mm", "spacing between track centres, 20-note scale"},
+        {"TalonAF", "mm", "roll border to the first track's axis, 20-note scale"},
+        {"duree_trou_poincon", "s", "learned time per punch strike (999 = not measured yet)"},
+        {"duree_metre_laser", "s/mm", "learned laser time per mm of cut and travel (999 = not measured yet)"},
+        {"RollCleanup", "0/1", "1 = merge overlapping notes of a track and keep a bridge between notes before the split"},
+        {"MinHoleLength", "mm", "shortest hole the cleanup leaves along the roll"},
+        {"Channels", "", "MIDI channels placed on the roll, e.g. 1-9,11-16"},
+    };
+    for (const SettingMeaning& entry : kMeanings) {
+        if (entry.key == key)
+            return &entry;
+    }
+    return nullptr;
+}
+
+}  // namespace veltrin
