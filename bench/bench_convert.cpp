@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "app/app_state.h"
-#include "midi/song_import.h"
+#include "app/song_import.h"
 #include "scales/scale_file.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "machine/grbl_emulator.h"
+#include "emulator/grbl_emulator.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "app/app_state.h"
-#include "plan/genere_gcode.h"
+#include "app/genere_gcode.h"
 #include "plan/plan_steps.h"
 #include "plan/plan_text.h"
 #include "scales/scale_file.h"

@@ -21,9 +21,9 @@
 #include <string_view>
 #include <vector>
 
-#include "app/message_log.h"
-#include "app/numeric_text.h"
-#include "app/settings.h"
+#include "base/message_log.h"
+#include "base/numeric_text.h"
+#include "base/settings.h"
 #include "midi/mdlvert.h"
 #include "plan/piece.h"
 #include "plan/plan_steps.h"

@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include "app/message_log.h"
-#include "app/numeric_text.h"
-#include "app/settings.h"
+#include "base/message_log.h"
+#include "base/numeric_text.h"
+#include "base/settings.h"
 #include "scales/organ_scale.h"
 #include "scales/scale_file.h"
 

@@ -10,5 +10,5 @@ bash scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
 cmake --build build -j"$(nproc)" --target veltrin-cli
 
-./build/src/app/veltrin-cli convert examples/au-clair-de-la-lune.mid \
+./build/src/cli/veltrin-cli convert examples/au-clair-de-la-lune.mid \
   --machine laser --scale "Kolby 27-29"

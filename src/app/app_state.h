@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "app/message_log.h"
-#include "app/settings.h"
+#include "base/message_log.h"
+#include "base/settings.h"
 #include "plan/piece.h"
 #include "plan/roll_cleanup.h"
 #include "scales/organ_scale.h"

@@ -3,9 +3,9 @@
 #include <filesystem>
 #include <system_error>
 
-#include "app/data_folders.h"
-#include "app/numeric_text.h"
 #include "app/settings_edit.h"
+#include "base/data_folders.h"
+#include "base/numeric_text.h"
 #include "scales/scale_file.h"
 
 namespace veltrin {

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "app/app_state.h"
-#include "app/result.h"
 #include "app/settings_store.h"
+#include "base/result.h"
 
 namespace veltrin {
 

@@ -3,7 +3,7 @@
 #include <array>
 #include <cmath>
 
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 
 namespace veltrin {
 

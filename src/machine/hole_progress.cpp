@@ -6,7 +6,7 @@
 #include <limits>
 #include <optional>
 
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 #include "machine/grbl_protocol.h"
 
 namespace veltrin {

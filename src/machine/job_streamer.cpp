@@ -4,8 +4,8 @@
 #include <cmath>
 #include <limits>
 
-#include "app/message_log.h"
-#include "app/numeric_text.h"
+#include "base/message_log.h"
+#include "base/numeric_text.h"
 
 namespace veltrin {
 

@@ -17,7 +17,7 @@
 
 #include <functional>
 
-#include "machine/grbl_link.h"
+#include "app/grbl_link.h"
 
 namespace veltrin {
 

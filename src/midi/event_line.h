@@ -1,7 +1,7 @@
 #pragma once
 // Pieces of the decoder's event lines, written straight into a character buffer: the times
 // rounded half to even and the fixed-width number fields. They give the same results as
-// roundHalfEven and fixedWidth (app/numeric_text.h) without making a string per field.
+// roundHalfEven and fixedWidth (base/numeric_text.h) without making a string per field.
 
 #include <algorithm>
 #include <array>

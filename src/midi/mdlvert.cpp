@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 #include "midi/event_line.h"
 
 namespace veltrin {

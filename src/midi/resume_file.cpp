@@ -16,8 +16,7 @@
 #include <unistd.h>
 #endif
 
-#include "app/app_state.h"
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 
 namespace veltrin {
 
@@ -337,34 +336,6 @@ Result<ProgramRecord, ResumeFileError> readProgramRecord(const std::string& prog
     if (hash != textHash(programText))
         return fail(ResumeFileError::OtherProgram, path);
     return record;
-}
-
-SongPlanScope::SongPlanScope(AppState& state)
-{
-    if (state.songPlanSettings.empty())
-        return;
-    m_state = &state;
-    m_settings = state.settings;
-    m_scale = state.scale;
-    // A key the operator has changed since the import is the operator's again.
-    const SettingList now = planSettingsOf(state.settings, state.scale);
-    SettingList kept;
-    for (const auto& [key, value] : state.songPlanSettings) {
-        const auto atImport = settingValue(state.settingsAtResume, key);
-        const auto current = settingValue(now, key);
-        if (atImport && current && *atImport != *current)
-            continue;
-        kept.emplace_back(key, value);
-    }
-    applyPlanSettings(kept, state.settings, state.scale);
-}
-
-SongPlanScope::~SongPlanScope()
-{
-    if (!m_state)
-        return;
-    m_state->settings = std::move(*m_settings);
-    m_state->scale = std::move(*m_scale);
 }
 
 }  // namespace veltrin

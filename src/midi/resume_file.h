@@ -28,13 +28,12 @@
 #include <utility>
 #include <vector>
 
-#include "app/result.h"
-#include "app/settings.h"
+#include "base/result.h"
+#include "base/settings.h"
 #include "scales/organ_scale.h"
 
 namespace veltrin {
 
-struct AppState;
 
 // (key, value) pairs in the order they are written.
 using SettingList = std::vector<std::pair<std::string, std::string>>;
@@ -116,25 +115,5 @@ Result<std::string, ResumeFileError> writeProgramRecord(const std::string& progr
 // Reads the record beside programPath; OtherProgram when it was written for another text.
 Result<ProgramRecord, ResumeFileError> readProgramRecord(const std::string& programPath,
                                                          std::string_view programText);
-
-// --- the settings of a resumed song ---
-
-// While it lives, state.settings and state.scale hold the values that the current song's
-// program is made with: for a song opened from a resume file (state.songPlanSettings set),
-// the resume file's values, except those the operator has changed since the import
-// (state.settingsAtResume); otherwise the operator's own, untouched. The operator's values
-// come back when it ends.
-class SongPlanScope {
-public:
-    explicit SongPlanScope(AppState& state);
-    ~SongPlanScope();
-    SongPlanScope(const SongPlanScope&) = delete;
-    SongPlanScope& operator=(const SongPlanScope&) = delete;
-
-private:
-    AppState* m_state = nullptr;
-    std::optional<Settings> m_settings;
-    std::optional<OrganScale> m_scale;
-};
 
 }  // namespace veltrin

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <utility>
 
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 #include "midi/event_line.h"
 #include "plan/plan_steps.h"
 

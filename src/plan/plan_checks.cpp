@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 
 namespace veltrin {
 

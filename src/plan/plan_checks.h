@@ -11,10 +11,10 @@
 #include <string_view>
 #include <vector>
 
-#include "app/result.h"
-#include "app/settings.h"
-#include "plan/genere_gcode.h"
+#include "base/result.h"
+#include "base/settings.h"
 #include "plan/piece.h"
+#include "plan/plan_error.h"
 #include "plan/plan_steps.h"
 #include "scales/organ_scale.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 // The stages of Genere_GCode, each on plain data: derived values, pairing of note starts and
 // ends, the split into pieces, the travel order, and the program text with its totals.
-// Genere_GCode (genere_gcode.h) chains them on an AppState; tests and the width search call
+// Genere_GCode (app/genere_gcode.h) chains them on an AppState; tests and the width search call
 // them directly.
 
 #include <cmath>
@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "app/settings.h"
+#include "base/settings.h"
 #include "plan/piece.h"
 #include "plan/roll_cleanup.h"
 #include "scales/organ_scale.h"
@@ -84,7 +84,7 @@ SplitResult planSplit(const std::vector<std::string>& noteLines, bool fractionne
 // (Lgponts), or kSeparationWithoutBridgesMm of roll when Lgponts is 0.
 RollCleanupValues rollCleanupValues(const PlanValues& values, bool fractionner);
 
-// Position_piste for the given values (see genere_gcode.h).
+// Position_piste for the given values (see app/genere_gcode.h).
 double Position_piste(const PlanValues& values, int piste);
 
 // distF: squared distance between the start points of two pieces, with the plain track

@@ -1,6 +1,6 @@
 #include "plan/plan_text.h"
 
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 
 #include <array>
 #include <cmath>

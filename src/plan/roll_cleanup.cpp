@@ -6,7 +6,7 @@
 #include <cmath>
 #include <cstddef>
 
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 #include "plan/plan_steps.h"
 
 namespace veltrin {

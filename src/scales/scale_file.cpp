@@ -10,8 +10,8 @@
 #include <limits>
 #include <system_error>
 
-#include "app/data_folders.h"
-#include "app/numeric_text.h"
+#include "base/data_folders.h"
+#include "base/numeric_text.h"
 
 namespace veltrin {
 

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "app/message_log.h"
-#include "app/settings.h"
+#include "base/message_log.h"
+#include "base/settings.h"
 #include "scales/organ_scale.h"
 
 namespace veltrin {

@@ -22,10 +22,10 @@
 #include <set>
 
 #include "app/app_state.h"
-#include "app/numeric_text.h"
-#include "machine/emulator_process.h"
+#include "base/numeric_text.h"
 #include "machine/serial_port_qt.h"
 #include "midi/resume_file.h"
+#include "support/emulator_process.h"
 
 namespace veltrin {
 namespace {

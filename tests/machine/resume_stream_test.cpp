@@ -18,11 +18,11 @@
 #include <string>
 #include <vector>
 
-#include "app/numeric_text.h"
-#include "import/midi_bytes.h"
-#include "machine/emulator_process.h"
+#include "base/numeric_text.h"
 #include "machine/grbl_protocol.h"
 #include "midi/resume_file.h"
+#include "support/emulator_process.h"
+#include "support/midi_bytes.h"
 
 namespace veltrin {
 namespace {

@@ -16,13 +16,13 @@
 #include <vector>
 
 #include "app/app_state.h"
-#include "app/numeric_text.h"
-#include "import/midi_bytes.h"
-#include "machine/grbl_link.h"
+#include "app/grbl_link.h"
+#include "app/song_import.h"
+#include "base/numeric_text.h"
 #include "machine/job_streamer.h"
 #include "midi/resume_file.h"
-#include "midi/song_import.h"
 #include "scales/scale_file.h"
+#include "support/midi_bytes.h"
 #include "support/temp_dir.h"
 
 namespace veltrin {

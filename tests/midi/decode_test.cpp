@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 #include "midi/mdlvert.h"
 #include "midi_builder.h"
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 #include "midi/event_line.h"
 
 namespace veltrin {

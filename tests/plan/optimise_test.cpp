@@ -7,7 +7,7 @@
 #include <random>
 #include <tuple>
 
-#include "plan/genere_gcode.h"
+#include "app/genere_gcode.h"
 #include "plan/plan_steps.h"
 #include "plan_test_support.h"
 #include "support/plain_models.h"

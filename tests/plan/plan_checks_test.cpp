@@ -8,7 +8,7 @@
 #include <limits>
 #include <gtest/gtest.h>
 
-#include "plan/genere_gcode.h"
+#include "app/genere_gcode.h"
 #include "plan_test_support.h"
 
 namespace veltrin {

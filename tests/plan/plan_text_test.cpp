@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "plan/plan_steps.h"
-#include "app/numeric_text.h"
+#include "base/numeric_text.h"
 #include "plan/plan_text.h"
 
 namespace veltrin {

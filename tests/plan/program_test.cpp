@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "plan/genere_gcode.h"
+#include "app/genere_gcode.h"
 #include "plan/plan_steps.h"
 #include "plan_test_support.h"
 

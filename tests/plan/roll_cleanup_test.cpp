@@ -13,7 +13,7 @@
 #include <tuple>
 #include <vector>
 
-#include "plan/genere_gcode.h"
+#include "app/genere_gcode.h"
 #include "plan/plan_steps.h"
 #include "plan/roll_cleanup.h"
 #include "plan_test_support.h"

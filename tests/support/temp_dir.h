@@ -8,7 +8,7 @@
 #include <random>
 #include <string>
 
-#include "app/data_folders.h"
+#include "base/data_folders.h"
 
 namespace veltrin::testing {
 

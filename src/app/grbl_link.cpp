@@ -1,0 +1,585 @@
+#include "app/grbl_link.h"
+
+#include "app/app_state.h"
+#include "base/numeric_text.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace veltrin {
+
+JobProgram programForJob(const AppState& state, std::vector<std::string> lines, std::string fileName)
+{
+    JobProgram program;
+    program.lines = std::move(lines);
+    program.fileName = std::move(fileName);
+    program.songPath = state.chemin_morceau;
+    // The values the program was made with (its record, state.programSettings) where known,
+    // else the current settings.
+    Settings made = state.settings;
+    for (const auto& [key, value] : state.programSettings) {
+        if (std::string* field = settingField(made, key); field && key != "Port")
+            *field = value;
+    }
+    program.planSettings = state.programSettings;
+    program.Fourchette = made.Fourchette;
+    program.laser = made.isLaser();
+    program.Vitcarton = leadingNumber(made.Vitcarton);
+    program.L_poincon = leadingNumber(made.L_poincon);
+    return program;
+}
+
+GrblLink::GrblLink(AppState& state)
+    : m_state(&state),
+      m_log(state.user_msg_list),
+      m_job(m_log),
+      m_annotator(state.Liste_commentaires_grbl)
+{
+}
+
+void GrblLink::setTimings(const LinkTimings& timings)
+{
+    m_timings = timings;
+    m_job.setBannerWaitMs(timings.bannerWaitMs);
+}
+
+void GrblLink::setPortOpen(bool open)
+{
+    m_portOpen = open;
+    if (!open)
+        connexion_off();
+}
+
+void GrblLink::write(std::string bytes)
+{
+    m_actions.emplace_back(WriteBytes{std::move(bytes)});
+}
+
+void GrblLink::syncFlags()
+{
+    m_state->en_pause = m_job.en_pause();
+    if (m_job.running())
+        m_state->arret_demande = m_job.arret_demande();
+    m_state->gauge1_max = static_cast<int>(m_job.lineCount());
+    m_state->gauge1_value = static_cast<int>(m_job.progress());
+    m_state->Text2 = m_job.temps_restant();
+}
+
+// --- detection ---
+
+void GrblLink::connexion_on(std::int64_t nowMs, bool quiet)
+{
+    m_quietDetection = quiet;
+    m_now = nowMs;
+    m_lines.clear();
+    m_owedResponses = 0;
+    m_status = MachineStatus{};
+    m_statusAskedMs.reset();
+    m_lastStatusMs = nowMs;
+    m_critical = false;
+    m_detection = Detection::Banner;
+    m_detectionDeadlineMs = nowMs + kDetectionWaitMs;
+}
+
+void GrblLink::detectionLine(std::string_view line, const Reply& reply)
+{
+    if (m_detection == Detection::Banner) {
+        // Opening the port resets an Arduino, so Grbl greets us unasked.
+        if (reply.kind == ReplyKind::Other || reply.kind == ReplyKind::Setting) {
+            m_log.raw(" < " + std::string(line) + "\r\n");
+            return;
+        }
+        m_log.line(line);
+        if (isResponse(reply))
+            m_owedResponses = 0;
+        finishDetection(true);
+        return;
+    }
+    m_log.raw(" < " + std::string(line) + "\r\n");
+    if (isResponse(reply)) {
+        finishDetection(true);
+    } else if (reply.kind == ReplyKind::Message || reply.kind == ReplyKind::Banner) {
+        // Grbl is there; the answer to our "\r" is still to come, unless it just restarted.
+        if (reply.kind == ReplyKind::Message)
+            m_owedResponses = 1;
+        finishDetection(true);
+    }
+}
+
+void GrblLink::finishDetection(bool grblFound)
+{
+    m_detection = Detection::None;
+    if (!grblFound && !m_quietDetection)
+        m_log.line("No Grbl on this board");
+    m_state->ouvre_midi_actif = grblFound;
+    m_state->connecte = true;
+    m_actions.emplace_back(DetectionDone{grblFound});
+    sendQueued();
+}
+
+void GrblLink::connexion_off()
+{
+    const bool wasDetecting = detecting();
+    m_detection = Detection::None;
+    m_portOpen = false;
+    m_state->connecte = false;
+    m_owedResponses = 0;
+    m_lines.clear();
+    m_status.known = false;
+    m_statusAskedMs.reset();
+    m_waiting = false;
+    m_critical = false;
+    if (m_command) {
+        m_actions.emplace_back(CommandDone{m_command->text, {}});
+        m_command.reset();
+    }
+    m_queue.clear();
+    m_nextRollJogPending = false;
+    m_nextRollDueMs.reset();
+    if (m_job.running() && !m_job.simulation()) {
+        m_job.portLost();
+        takeJobActions();
+    }
+    if (wasDetecting)
+        m_actions.emplace_back(DetectionDone{false});
+}
+
+// --- single commands ---
+
+void GrblLink::envoi_commande(std::string line)
+{
+    if (!m_portOpen)
+        return;
+    m_queue.push_back(Command{std::move(line), false, false});
+    sendQueued();
+}
+
+bool GrblLink::consoleCommand(std::string text)
+{
+    if (!m_portOpen) {
+        if (m_host)
+            m_host->showMessage("Machine not connected");
+        else
+            m_log.line("Machine not connected");
+        return false;
+    }
+    const bool annotate = text == "$$";
+    m_queue.push_back(Command{std::move(text), true, annotate});
+    sendQueued();
+    return true;
+}
+
+void GrblLink::sendQueued()
+{
+    if (m_command || detecting() || m_job.running() || !m_portOpen)
+        return;
+    // Deaf after a limit alarm: every command up to a soft reset is refused at once.
+    while (m_critical && !m_queue.empty() && !m_queue.front().reset) {
+        Command refused = std::move(m_queue.front());
+        m_queue.pop_front();
+        m_log.line("Grbl answers nothing after a limit alarm until a soft reset (Ctrl-X): command not sent: \"" +
+                   refused.text + "\"");
+        m_actions.emplace_back(CommandDone{std::move(refused.text), {}});
+    }
+    if (m_queue.empty())
+        return;
+    m_command = std::move(m_queue.front());
+    m_queue.pop_front();
+    if (m_command->reset) {
+        m_log.line("Soft reset (Ctrl-X)");
+        m_statusAskedMs.reset();
+        write("\x18");
+    } else {
+        if (m_command->console)
+            m_log.line(m_command->text);
+        else
+            m_log.raw(m_command->text);
+        if (m_command->annotate)
+            m_annotator.restart();
+        write(m_command->text + "\r");
+    }
+    m_waiting = true;
+    m_waitSinceMs = m_now;
+}
+
+void GrblLink::giveUpCommands(std::string_view why, bool queuedToo)
+{
+    if (!m_command && m_queue.empty())
+        return;
+    if (m_command) {
+        if (!m_command->console)
+            m_log.raw("\r\n");  // ends the command's log line
+        m_log.line(std::string(why) + ": \"" + m_command->text + "\"");
+        m_actions.emplace_back(CommandDone{m_command->text, {}});
+        m_command.reset();
+        // Should its answer come after all, it belongs to nobody.
+        ++m_owedResponses;
+    } else if (queuedToo) {
+        m_log.line(why);
+    }
+    m_nextRollJogPending = false;
+    if (!queuedToo)
+        return;
+    for (auto& queued : m_queue)
+        m_actions.emplace_back(CommandDone{std::move(queued.text), {}});
+    m_queue.clear();
+}
+
+void GrblLink::softReset()
+{
+    if (!m_portOpen || m_job.running())
+        return;
+    Command reset;
+    reset.text = "\x18";
+    reset.console = true;
+    reset.reset = true;
+    m_queue.push_back(std::move(reset));
+    sendQueued();
+}
+
+void GrblLink::commandLine(std::string_view line, const Reply& reply)
+{
+    const bool push = reply.kind == ReplyKind::Alarm || reply.kind == ReplyKind::Message ||
+                      reply.kind == ReplyKind::Banner;
+    if (m_command->annotate && !push) {
+        m_log.line(m_annotator.annotate(line));
+    } else if (m_command->console) {
+        m_log.line(explainedReply(line));
+    } else {
+        m_log.raw(" < " + explainedReply(line) + "\r\n");
+    }
+    if (reply.kind == ReplyKind::Banner) {
+        // The board restarted: the command is lost and will never be answered (a reset is
+        // answered so).
+        m_actions.emplace_back(CommandDone{m_command->text, m_command->reset ? std::string(line) : std::string()});
+        m_command.reset();
+        sendQueued();
+        return;
+    }
+    if (!isResponse(reply))
+        return;
+    if (reply.kind == ReplyKind::Error && reply.code == 3 && m_command->text == "$HX")
+        m_log.line("This board runs a Grbl without single-axis homing ($HX)");
+    if (reply.kind == ReplyKind::Error && reply.code == 5 && m_command->text.starts_with("$H"))
+        m_log.line("Homing is disabled on this board: send $22=1 to enable it");
+    Command done = std::move(*m_command);
+    m_command.reset();
+    m_actions.emplace_back(CommandDone{std::move(done.text), std::string(line)});
+    if (m_nextRollJogPending) {
+        m_nextRollJogPending = false;
+        m_nextRollDueMs = m_now + kNextRollPauseMs;
+    }
+    sendQueued();
+}
+
+void GrblLink::jog(char axis, int distanceMm)
+{
+    const auto& s = m_state->settings;
+    envoi_commande(jogCommand(axis, distanceMm, jogFeed(s.isLaser(), s.VitesseF, s.VitesseF_poin)));
+}
+
+void GrblLink::homeX()
+{
+    envoi_commande("$HX");
+}
+
+void GrblLink::toolTest()
+{
+    // The 10 ms pause between "G1 F1000" and "G0 F1000 S0" is covered by the wait for the
+    // acknowledgement in between.
+    for (auto& command : toolTestCommands(m_state->settings.isLaser(), m_state->settings.Laser_power))
+        envoi_commande(std::move(command));
+}
+
+void GrblLink::laserPointer()
+{
+    const auto& s = m_state->settings;
+    if (!s.isLaser())
+        return;
+    for (auto& command : laserPointerCommands(true, m_state->pointeur_laser, s.Laser_power))
+        envoi_commande(std::move(command));
+    m_state->pointeur_laser = !m_state->pointeur_laser;
+}
+
+// --- job ---
+
+bool GrblLink::envoi_programme(JobProgram program, std::int64_t nowMs)
+{
+    m_now = nowMs;
+    if (m_job.running())
+        return false;
+    const bool simulation = m_state->mode_simulation;
+    if (!m_state->connecte && !simulation) {
+        if (m_host)
+            m_host->showMessage("Machine not connected");
+        else
+            m_log.line("Machine not connected");
+        return false;
+    }
+    if (m_command && !simulation) {
+        // The job's soft reset swallows the answer this command still waits for.
+        m_actions.emplace_back(CommandDone{m_command->text, {}});
+        m_command.reset();
+    }
+    m_state->arret_demande = false;
+    m_state->jobProgressOnRoll = true;
+    m_job.start(std::move(program), simulation, nowMs);
+    takeJobActions();
+    syncFlags();
+    return true;
+}
+
+void GrblLink::Pause_button_Click()
+{
+    if (!m_job.running())
+        return;
+    if (m_job.en_pause())
+        m_job.resume();
+    else
+        m_job.pause();
+    takeJobActions();
+    syncFlags();
+}
+
+void GrblLink::Stop_button_Click()
+{
+    m_nextRollJogPending = false;
+    m_nextRollDueMs.reset();
+    if (!m_job.running())
+        return;
+    m_state->arret_demande = true;
+    m_job.stop();
+    takeJobActions();
+    syncFlags();
+}
+
+void GrblLink::takeJobActions()
+{
+    for (auto& action : m_job.takeActions()) {
+        if (auto* ended = std::get_if<JobEnded>(&action)) {
+            const JobEnded copy = *ended;
+            m_actions.emplace_back(copy);
+            jobEnded(copy);
+        } else {
+            std::visit([this](auto& a) { m_actions.emplace_back(std::move(a)); }, action);
+        }
+    }
+}
+
+void GrblLink::jobEnded(const JobEnded& ended)
+{
+    m_state->jobProgressOnRoll = false;
+    if (ended.answerOwed)
+        ++m_owedResponses;
+    syncFlags();
+    if (ended.outcome != JobOutcome::EndOfPunch) {
+        sendQueued();
+        return;
+    }
+    auto& s = m_state->settings;
+    const bool laser = s.isLaser();
+    if (ended.measuredDuration) {
+        std::string& field = laser ? s.duree_metre_laser : s.duree_trou_poincon;
+        field = plainNumber(learnedDuration(leadingNumber(field), *ended.measuredDuration));
+    }
+    if (m_host && m_host->hasNextRoll()) {
+        rouleau_suivant();
+        return;
+    }
+    sendQueued();
+    if (laser && m_host) {
+        JobHost* host = m_host;
+        const double foldLength = m_state->scale.longueur_pli;
+        host->askYesNo("Cutting folds backwardly ?", false, [host, foldLength](bool yes) {
+            if (!yes)
+                return;
+            if (!(foldLength > 0))
+                host->showMessage("Folds length not defined");
+            else
+                host->startBackwardFolds();
+        });
+    }
+}
+
+void GrblLink::rouleau_suivant()
+{
+    if (m_job.simulation() && !m_portOpen) {
+        m_nextRollDueMs = m_now + kNextRollPauseMs;
+        return;
+    }
+    if (!m_portOpen)
+        return;
+    const auto& s = m_state->settings;
+    m_nextRollJogPending = true;
+    envoi_commande(nextRollJog(m_host->rollGapMm(), jogFeed(s.isLaser(), s.VitesseF, s.VitesseF_poin)));
+}
+
+// --- input ---
+
+void GrblLink::onBytes(std::string_view bytes)
+{
+    for (const auto& line : m_lines.feed(bytes))
+        onLine(line);
+}
+
+void GrblLink::statusLine(std::string_view line)
+{
+    m_statusAskedMs.reset();
+    m_lastStatusMs = m_now;
+    if (const auto report = parseStatusReport(line)) {
+        if (report->hasWorkOffset)
+            std::copy(std::begin(report->workOffset), std::end(report->workOffset), m_workOffset);
+        m_status.known = true;
+        m_status.state = report->state;
+        m_status.atMs = m_now;
+        for (int axis = 0; axis < 3; ++axis)
+            m_status.machinePosition[axis] =
+                report->position[axis] + (report->machinePosition ? 0.0 : m_workOffset[axis]);
+    }
+    // The job learns from Idle which holes are cut (its resume file).
+    if (m_job.running())
+        m_job.onLine(line);
+    // Only a "?" typed at the console shows its report.
+    if (m_command && m_command->console && m_command->text.find('?') != std::string::npos)
+        m_log.line(line);
+}
+
+void GrblLink::onLine(std::string_view line)
+{
+    const Reply reply = classifyReply(line);
+    if (reply.kind == ReplyKind::Banner) {
+        m_owedResponses = 0;  // a restart cancels every answer still owed
+        m_critical = false;
+        m_statusAskedMs.reset();
+    }
+    if (detecting()) {
+        detectionLine(line, reply);
+        return;
+    }
+    if (reply.kind == ReplyKind::Status) {
+        statusLine(line);
+        return;
+    }
+    const bool critical = (reply.kind == ReplyKind::Alarm && isCriticalAlarm(reply.code)) ||
+                          line == "[MSG:Reset to continue]";
+    if (critical && !m_critical) {
+        m_critical = true;
+        m_statusAskedMs.reset();
+        if (!m_job.running() && m_command) {
+            // Its answer will never come.
+            commandLine(line, reply);
+            giveUpCommands("Grbl answers nothing after a limit alarm until a soft reset (Ctrl-X): "
+                           "given up",
+                           false);
+            sendQueued();
+            return;
+        }
+    }
+    if (isResponse(reply) && m_owedResponses > 0) {
+        --m_owedResponses;
+        m_log.raw(" < " + std::string(line) + "\r\n");
+        return;
+    }
+    if (m_job.running()) {
+        m_job.onLine(line);
+        takeJobActions();
+        syncFlags();
+        return;
+    }
+    if (m_command) {
+        commandLine(line, reply);
+        return;
+    }
+    // Nobody waits: a push message (an alarm, a welcome text after a reset).
+    m_log.raw(" < " + explainedReply(line) + "\r\n");
+}
+
+void GrblLink::onTick(std::int64_t nowMs)
+{
+    m_now = nowMs;
+    if (m_detection != Detection::None && nowMs >= m_detectionDeadlineMs) {
+        if (m_detection == Detection::Banner) {
+            // No welcome text: an empty line makes a running Grbl answer "ok".
+            m_detection = Detection::Answer;
+            m_detectionDeadlineMs = nowMs + kDetectionWaitMs;
+            write("\r");
+        } else {
+            m_log.raw(" < " + m_lines.pending() + "\r\n");
+            // Should Grbl still answer the "\r", that "ok" belongs to nobody.
+            m_owedResponses = 1;
+            finishDetection(false);
+        }
+    }
+    if (m_job.running()) {
+        m_job.onTick(nowMs);
+        takeJobActions();
+        syncFlags();
+    }
+    pollAndWatch(nowMs);
+    if (m_nextRollDueMs && nowMs >= *m_nextRollDueMs) {
+        m_nextRollDueMs.reset();
+        if (m_host) {
+            if (auto program = m_host->openNextRoll())
+                envoi_programme(std::move(*program), nowMs);
+        }
+    }
+}
+
+void GrblLink::pollAndWatch(std::int64_t nowMs)
+{
+    if (m_timings.statusEveryMs <= 0 || !m_portOpen || !m_state->connecte || detecting() || m_critical) {
+        m_waiting = false;
+        return;
+    }
+    if (m_statusAskedMs && nowMs - *m_statusAskedMs >= m_timings.statusLostMs)
+        m_statusAskedMs.reset();
+    if (!m_statusAskedMs && nowMs - m_lastPollMs >= m_timings.statusEveryMs) {
+        m_statusAskedMs = nowMs;
+        m_lastPollMs = nowMs;
+        write("?");
+    }
+    const bool waiting = m_command.has_value() || m_job.streaming();
+    if (waiting && !m_waiting)
+        m_waitSinceMs = nowMs;
+    m_waiting = waiting;
+    if (!waiting || nowMs - std::max(m_lastStatusMs, m_waitSinceMs) < m_timings.silenceMs)
+        return;
+    m_waiting = false;
+    if (m_job.streaming()) {
+        m_job.controllerSilent(m_timings.silenceMs);
+        takeJobActions();
+        syncFlags();
+    } else {
+        giveUpCommands("The controller is not answering: no status report for " +
+                           plainNumber(static_cast<double>(m_timings.silenceMs) / 1000.0) + " s, command given up",
+                       true);
+        sendQueued();
+    }
+}
+
+std::string GrblLink::progressLine() const
+{
+    std::string out;
+    if (m_status.known) {
+        char position[96];
+        std::snprintf(position, sizeof position, " X%.3f Y%.3f", m_status.machinePosition[0],
+                      m_status.machinePosition[1]);
+        out = m_status.state + position;
+    }
+    if (m_job.running() || m_job.lineCount() > 0) {
+        if (!out.empty())
+            out += "  ";
+        out += "line " + std::to_string(m_job.progress()) + " of " + std::to_string(m_job.lineCount());
+        out += "  " + m_job.temps_restant() + " left";
+    }
+    return out;
+}
+
+std::vector<LinkAction> GrblLink::takeActions()
+{
+    std::vector<LinkAction> out;
+    out.swap(m_actions);
+    return out;
+}
+
+}  // namespace veltrin

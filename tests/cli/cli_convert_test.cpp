@@ -1,0 +1,332 @@
+// veltrin-cli convert, run as a user would: the built program, with its Documents folder
+// (VELTRIN_DOCUMENTS) and its settings (XDG_CONFIG_HOME) in a temporary folder.
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "support/midi_bytes.h"
+#include "support/run_cli.h"
+
+namespace veltrin {
+namespace {
+
+using testing::readText;
+using testing::textLines;
+
+struct ConvertRun {
+    int exitCode = -1;
+    std::vector<std::string> out;
+    std::string err;
+    bool has(const std::string& line) const { return std::find(out.begin(), out.end(), line) != out.end(); }
+};
+
+class CliConvert : public ::testing::Test {
+protected:
+    CliConvert() { testing::writeFile(song, testing::midiFile(testing::kFiveNotes)); }
+
+    std::filesystem::path temp() const { return dir.path() / "Veltrin" / "Temp"; }
+    std::filesystem::path configFile() const { return dir.path() / "config" / "Veltrin" / "Veltrin.conf"; }
+    std::string stored() const { return readText(configFile()); }
+
+    void store(const std::string& startupLines)
+    {
+        std::filesystem::create_directories(configFile().parent_path());
+        testing::writeText(configFile(), "[Startup]\n" + startupLines);
+    }
+
+    ConvertRun convert(std::vector<std::string> args, const std::string& locale = "C") const
+    {
+        args.insert(args.begin(), "convert");
+        const testing::CliRun run = testing::runCli("LC_ALL=" + locale + " VELTRIN_DOCUMENTS=" + testing::quoted(dir.str()) +
+                                                        " XDG_CONFIG_HOME=" +
+                                                        testing::quoted((dir.path() / "config").string()),
+                                                    args);
+        return {run.exitCode, textLines(run.out), run.err};
+    }
+
+    testing::TempDir dir;
+    std::string song = (dir.path() / "valse.mid").string();
+};
+
+TEST_F(CliConvert, PrintsTheImportLogThenTheProgramAndSavesTheChosenWidth)
+{
+    const ConvertRun run = convert({song});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.err, "");
+    ASSERT_GE(run.out.size(), 4u);
+    EXPECT_EQ(run.out[0], "Gcode generation for laser perforator");
+    EXPECT_TRUE(run.has("Seeking for best optimizing width ") && run.has("Ready to punch"));
+    EXPECT_FALSE(run.has("Standard 27-29 notes Kolby")) << "the start-up log is not the import's";
+    EXPECT_EQ(run.out.back(), (temp() / "valse.gcode").string());
+    EXPECT_EQ(testing::holeYs(readText(temp() / "valse.gcode")), (std::vector<double>{0, 60, 120, 180, 240}));
+    EXPECT_NE(stored().find("Fourchette="), std::string::npos) << stored();
+}
+
+TEST_F(CliConvert, ReportFollowsTheOperatorsLocaleWhileTheProgramKeepsPoints)
+{
+    const ConvertRun run = convert({song, "--defaults", "--set", "Lgponts=0"}, "de_DE.UTF-8");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const auto cut = std::find_if(run.out.begin(), run.out.end(), [](const std::string& line) {
+        return line.starts_with("   - Cuttings length : ");
+    });
+    ASSERT_NE(cut, run.out.end());
+    EXPECT_TRUE(cut->ends_with(" m") && cut->find(',') != std::string::npos) << *cut;
+    const std::string program = readText(temp() / "valse.gcode");
+    EXPECT_EQ(program.find(','), std::string::npos);
+    // Middle C is track 5: X = 6.3 - 3 / 2 + 5 x 4.2 = 25.8, cut 3 mm wide to 28.8.
+    EXPECT_NE(program.find("G0 X25.8 Y0\r\nG1 X28.8 F800\r\n"), std::string::npos) << program;
+}
+
+TEST_F(CliConvert, StoredSettingsApplyUnlessDefaultsAndSetIsNeverSaved)
+{
+    store("Type_machine=Punch\nFourchette=99\n");
+    EXPECT_EQ(convert({song, "--defaults"}).out.at(0), "Gcode generation for laser perforator");
+    EXPECT_NE(stored().find("Fourchette=99"), std::string::npos) << "--defaults saves nothing";
+
+    const ConvertRun punch = convert({song, "--no-width-search"});
+    ASSERT_EQ(punch.exitCode, 0) << punch.err;
+    EXPECT_EQ(punch.out.at(0), "Gcode generation for punch perforator");
+    EXPECT_FALSE(punch.has("Seeking for best optimizing width "));
+
+    const ConvertRun overridden = convert({song, "--set", "Type_machine=Laser", "--set", "Vitcarton=30"});
+    ASSERT_EQ(overridden.exitCode, 0) << overridden.err;
+    EXPECT_EQ(overridden.out.at(0), "Gcode generation for laser perforator");
+    EXPECT_EQ(testing::holeYs(readText(temp() / "valse.gcode")).back(), 120) << "4 s at 30 mm/s";
+    const std::string after = stored();
+    EXPECT_NE(after.find("Type_machine=Punch"), std::string::npos) << after;
+    EXPECT_EQ(after.find("Vitcarton"), std::string::npos) << after;
+    EXPECT_EQ(after.find("Fourchette=99"), std::string::npos) << "the searched width replaced it";
+
+    EXPECT_EQ(convert({song, "--machine", "punch", "--defaults"}).out.at(0), "Gcode generation for punch perforator");
+}
+
+// The reference checker compares the holes of --out, --scale and the marks; here, which file
+// is written and named.
+TEST_F(CliConvert, OutAndMarksChooseTheProgramFile)
+{
+    const std::string out = (dir.path() / "mine.gcode").string();
+    const ConvertRun run = convert({song, "--out", out, "--defaults"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out.back(), out);
+    EXPECT_TRUE(std::filesystem::exists(out));
+    EXPECT_FALSE(std::filesystem::exists(temp() / "valse.gcode"));
+
+    const ConvertRun marked = convert({song, "--defaults", "--start-mark", "2000", "--end-mark", "3500"});
+    ASSERT_EQ(marked.exitCode, 0) << marked.err;
+    EXPECT_EQ(std::count(marked.out.begin(), marked.out.end(), "Gcode writing between marks"), 2);
+    EXPECT_EQ(marked.out.back(), (temp() / "valse_between marks.gcode").string());
+    EXPECT_EQ(testing::holeYs(readText(marked.out.back())), (std::vector<double>{120, 180}));
+}
+
+TEST_F(CliConvert, BadUsageAndUnreadableInputExitTwo)
+{
+    const std::string notMidi = (dir.path() / "notes.mid").string();
+    testing::writeText(notMidi, "C D E F G\n");
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {song, "--set", "NoSuchKey=1"},
+             {song, "--set", "Vitcarton"},
+             {song, "--machine", "drill"},
+             {song, "--scale", "Nothing like it"},
+             {song, "--set", "Standard=Nothing like it"},
+             {notMidi},
+             {(dir.path() / "none.mid").string()},
+             {(dir.path() / "none.mid.rep").string()},
+             {song, "--start-mark", "soon"},
+         }) {
+        const ConvertRun run = convert(args);
+        EXPECT_EQ(run.exitCode, 2) << args.back() << "\n" << run.err;
+        EXPECT_FALSE(run.err.empty()) << args.back();
+    }
+    EXPECT_FALSE(std::filesystem::exists(configFile())) << "a refused run saves nothing";
+}
+
+// A file scale chosen in an earlier session whose file is gone: every note would be out of
+// the scale and the width search would replace the stored width with its 1 mm tie.
+TEST_F(CliConvert, StoredScaleWithoutItsFileIsRefused)
+{
+    store("Standard=Gone\nFourchette=7\n");
+    const ConvertRun run = convert({song});
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find("unknown scale \"Gone\""), std::string::npos) << run.err;
+    EXPECT_NE(stored().find("Fourchette=7"), std::string::npos) << stored();
+    EXPECT_EQ(convert({song, "--scale", "Kolby 27-29"}).exitCode, 0) << "a built-in scale for this run";
+}
+
+// Settings typed wrong in the dialog: the run ends with a message naming the key and its
+// value, before anything is decoded or written.
+TEST_F(CliConvert, RefusedSettingsNameTheKeyAndWriteNothing)
+{
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--set", "VitesseF=abc"}, "VitesseF = \"abc\": the laser feed must be a number above 0 (mm/min)"},
+        {{"--set", "Laser_power=abc"}, "Laser_power = \"abc\": the laser power must be a whole number from 0 to 1000"},
+        {{"--set", "Laser_power=5?0!"}, "Laser_power = \"5?0!\""},
+        {{"--set", "Type_machine=Drill"}, "Type_machine = \"Drill\": the machine must be Laser or Punch"},
+        {{"--machine", "punch", "--set", "L_poincon=0", "--set", "Lgponts=0"},
+         "L_poincon = \"0\": the punch size along the roll must be a number above 0 (mm)"},
+        {{"--machine", "punch", "--set", "L_poincon=0.01", "--set", "Lgponts=0"},
+         "L_poincon = \"0.01\": L_poincon + Lgponts must be at least 0.06 mm (1 ms of roll)"},
+        {{"--set", "Vitcarton=-60"}, "Vitcarton = \"-60\": the roll speed must be a number above 0 (mm/s)"},
+        {{"--set", "Fourchette=abc"}, "Fourchette = \"abc\""},
+        // Only the song tells: its last hole ends at 4.2 s, at Y 126000 mm.
+        {{"--set", "Vitcarton=30000", "--set", "Lgponts=0"}, "Vitcarton = \"30000\": the hole at 4.2 s of the song would lie at Y 126000 mm"},
+    };
+    for (const auto& [settings, message] : cases) {
+        std::vector<std::string> args = {song, "--defaults"};
+        args.insert(args.end(), settings.begin(), settings.end());
+        const ConvertRun run = convert(args);
+        EXPECT_EQ(run.exitCode, 2) << message << "\n" << run.err;
+        EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+        EXPECT_FALSE(run.has("Ready to punch")) << message;
+        EXPECT_FALSE(std::filesystem::exists(temp() / "valse.gcode")) << message;
+    }
+    // "laser" in any case is the laser.
+    const ConvertRun upper = convert({song, "--defaults", "--set", "Type_machine=LASER"});
+    ASSERT_EQ(upper.exitCode, 0) << upper.err;
+    EXPECT_EQ(upper.out.at(0), "Gcode generation for laser perforator");
+    EXPECT_TRUE(readText(temp() / "valse.gcode").starts_with(";Laser gcode"));
+}
+
+TEST_F(CliConvert, MarksAreCheckedBeforeAnyProgramIsWritten)
+{
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--start-mark", "3000", "--end-mark", "2000"},
+         "end mark = \"2000\": the end mark must come after the start mark (3000 ms)"},
+        {{"--end-mark", "-300"}, "end mark = \"-300\": a mark must be a time from 0 to 9999999 ms"},
+        {{"--start-mark", "nan"}, "start mark = \"nan\""},
+        {{"--end-mark", "inf"}, "end mark = \"inf\""},
+        {{"--start-mark", "10000000"}, "start mark = \"10000000\""},
+    };
+    for (const auto& [marks, message] : cases) {
+        std::vector<std::string> args = {song, "--defaults"};
+        args.insert(args.end(), marks.begin(), marks.end());
+        const ConvertRun run = convert(args);
+        EXPECT_EQ(run.exitCode, 2) << message << "\n" << run.err;
+        EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+        EXPECT_FALSE(std::filesystem::exists(temp() / "valse.gcode")) << message;
+    }
+}
+
+TEST_F(CliConvert, OutNeverReplacesWhatIsReadNorAnythingButAFile)
+{
+    const auto folder = dir.path() / "a folder";
+    std::filesystem::create_directories(folder);
+    const auto link = dir.path() / "link.gcode";
+    std::filesystem::create_symlink(song, link);
+    const std::string fifo = (dir.path() / "pipe").string();
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::string before = readText(song);
+    const std::pair<std::string, std::string> cases[] = {
+        {song, "that is " + song + ", which is read"},
+        {(dir.path() / "." / "valse.mid").string(), "which is read"},
+        {link.string(), "which is read"},
+        {folder.string(), "a folder, not a file"},
+        {fifo, "not a regular file"},
+        {"/dev/null", "not a regular file"},
+    };
+    for (const auto& [out, message] : cases) {
+        const ConvertRun run = convert({song, "--defaults", "--out", out});
+        EXPECT_EQ(run.exitCode, 2) << out << "\n" << run.err;
+        EXPECT_NE(run.err.find("--out " + out + ": "), std::string::npos) << run.err;
+        EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+    }
+    EXPECT_EQ(readText(song), before) << "the song is untouched";
+    // A resume file and the song it names are both read.
+    const auto rep = dir.path() / "valse.mid.rep";
+    testing::writeText(rep, song + "\r\n0\r\n0\r\n7\r\n");
+    EXPECT_EQ(convert({rep.string(), "--defaults", "--out", song}).exitCode, 2);
+    EXPECT_EQ(readText(song), before);
+    // An existing program is replaced.
+    const auto older = dir.path() / "older.gcode";
+    testing::writeText(older, "old");
+    const ConvertRun replaced = convert({song, "--defaults", "--out", older.string()});
+    ASSERT_EQ(replaced.exitCode, 0) << replaced.err;
+    EXPECT_TRUE(readText(older).starts_with(";Laser gcode"));
+}
+
+TEST_F(CliConvert, SongsThatCannotBeReadSayWhy)
+{
+    const auto folder = dir.path() / "songs";
+    std::filesystem::create_directories(folder);
+    const std::pair<std::string, std::string> cases[] = {
+        {(dir.path() / "none.mid").string(), ": no such file"},
+        {folder.string(), ": a folder, not a file"},
+    };
+    for (const auto& [input, reason] : cases) {
+        const ConvertRun run = convert({input, "--defaults"});
+        EXPECT_EQ(run.exitCode, 2);
+        EXPECT_NE(run.err.find("cannot read " + input + reason), std::string::npos) << run.err;
+    }
+}
+
+// Options stand before or after the song, --set included.
+TEST_F(CliConvert, OptionsBeforeOrAfterTheSongAndAGivenWidthIsKept)
+{
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--defaults", "--set", "Fourchette=12", "--set", "Vitcarton=30", song},
+             {song, "--set", "Fourchette=12", "--defaults", "--set", "Vitcarton=30"},
+             {"--set", "Fourchette=12", song, "--set", "Vitcarton=30", "--defaults"},
+         }) {
+        const ConvertRun run = convert(args);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_FALSE(run.has("Seeking for best optimizing width ")) << "a width given is used as given";
+        EXPECT_TRUE(run.has("Travel optimizing 12(Width : 400)")) << "12 mm at 30 mm/s";
+    }
+    store("Fourchette=5\n");
+    ASSERT_EQ(convert({song, "--set", "Fourchette=12"}).exitCode, 0);
+    EXPECT_NE(stored().find("Fourchette=5"), std::string::npos) << "a --set is for this run only: " << stored();
+}
+
+// A file scale whose extension is written in capitals is listed and chosen by its name.
+TEST_F(CliConvert, AScaleFileWithACapitalExtensionIsChosenByItsName)
+{
+    const auto folder = dir.path() / "Veltrin" / "Instruments";
+    std::filesystem::create_directories(folder);
+    testing::writeText(folder / "Upper.TXT", testing::kStreetOrgan);
+    const ConvertRun run = convert({song, "--defaults", "--scale", "Upper"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    // The street organ plays notes 60 and 62 only: three of the five notes are out of it.
+    EXPECT_TRUE(run.has("--->  3 notes are not in the organ scale"));
+
+    // A scale file's warnings reach the terminal.
+    testing::writeText(folder / "Twelve.txt", "60\n100\n7\n5\n0\n12\n60\n62\n");
+    const ConvertRun warned = convert({song, "--defaults", "--scale", "Twelve"});
+    ASSERT_EQ(warned.exitCode, 0) << warned.err;
+    EXPECT_NE(warned.err.find("veltrin-cli convert: Warning: scale \"Twelve\": line 6: the track count is read from "
+                              "its second character: \"12\" reads as 2 tracks"),
+              std::string::npos)
+        << warned.err;
+}
+
+// A settings file that is not one: said, with its path.
+TEST_F(CliConvert, ASettingsFileThatCannotBeReadIsReported)
+{
+    store("Type_machine=Punch\n[Broken\n");
+    const ConvertRun run = convert({song});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.err.find("Settings file is not in the settings format (what cannot be read takes its default): " +
+                           configFile().string()),
+              std::string::npos)
+        << run.err;
+}
+
+TEST_F(CliConvert, DecoderErrorIsPrintedAndTheProgramStillWritten)
+{
+    auto bytes = testing::midiFile({{0, 200, 60}, {1000, 1200, 62}});
+    bytes.resize(bytes.size() - 6);
+    const auto cut = dir.path() / "cut.mid";
+    testing::writeFile(cut, bytes);
+    const ConvertRun run = convert({cut.string(), "--defaults"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.err.find("*** Midifile corrupt, unexpected EOF.\n    Events processed until loc hex: "),
+              std::string::npos)
+        << run.err;
+    EXPECT_EQ(run.out.back(), (temp() / "cut.gcode").string());
+}
+
+}  // namespace
+}  // namespace veltrin
