@@ -201,6 +201,12 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
     report.decimalSeparator = state.reportDecimalSeparator;
     for (const std::string& line : reportLines(report))
         state.user_msg_list.append(line);
+    // A program of no hole is written (the song may be meant so), but never silently.
+    if (state.writtenHoles.empty()) {
+        state.user_msg_list.append(std::string("Warning: No hole to cut: no note of the song ") +
+                                   (report.marks.startSet() || report.marks.endSet() ? "between the marks " : "") +
+                                   "lies in the organ scale; the program only moves the machine");
+    }
     state.punchEnabled = true;
     return written;
 }

@@ -35,12 +35,14 @@ GrblLink::GrblLink(AppState& state)
       m_job(m_log),
       m_annotator(state.Liste_commentaires_grbl)
 {
+    setTimings(m_timings);
 }
 
 void GrblLink::setTimings(const LinkTimings& timings)
 {
     m_timings = timings;
     m_job.setBannerWaitMs(timings.bannerWaitMs);
+    m_job.setWaitForIdle(timings.statusEveryMs > 0);
 }
 
 void GrblLink::setPortOpen(bool open)
@@ -77,6 +79,8 @@ void GrblLink::connexion_on(std::int64_t nowMs, bool quiet)
     m_statusAskedMs.reset();
     m_lastStatusMs = nowMs;
     m_critical = false;
+    m_probeUncertain = false;
+    m_stuckSinceMs.reset();
     m_detection = Detection::Banner;
     m_detectionDeadlineMs = nowMs + kDetectionWaitMs;
 }
@@ -102,6 +106,8 @@ void GrblLink::detectionLine(std::string_view line, const Reply& reply)
         // Grbl is there; the answer to our "\r" is still to come, unless it just restarted.
         if (reply.kind == ReplyKind::Message)
             m_owedResponses = 1;
+        else
+            m_probeUncertain = m_timings.statusEveryMs > 0;  // lost in the boot, or answered yet
         finishDetection(true);
     }
 }
@@ -129,11 +135,10 @@ void GrblLink::connexion_off()
     m_statusAskedMs.reset();
     m_waiting = false;
     m_critical = false;
-    if (m_command) {
-        m_actions.emplace_back(CommandDone{m_command->text, {}});
-        m_command.reset();
-    }
-    m_queue.clear();
+    m_probeUncertain = false;
+    m_stuckSinceMs.reset();
+    if (m_command || !m_queue.empty())
+        giveUpCommands("Port closed: command not answered", true);
     m_nextRollJogPending = false;
     m_nextRollDueMs.reset();
     if (m_job.running() && !m_job.simulation()) {
@@ -171,7 +176,7 @@ bool GrblLink::consoleCommand(std::string text)
 
 void GrblLink::sendQueued()
 {
-    if (m_command || detecting() || m_job.running() || !m_portOpen)
+    if (m_command || detecting() || m_job.running() || !m_portOpen || m_probeUncertain)
         return;
     // Deaf after a limit alarm: every command up to a soft reset is refused at once.
     while (m_critical && !m_queue.empty() && !m_queue.front().reset) {
@@ -200,28 +205,50 @@ void GrblLink::sendQueued()
     }
     m_waiting = true;
     m_waitSinceMs = m_now;
+    m_stuckSinceMs.reset();
 }
+
+void GrblLink::realtimeCommand(char c)
+{
+    if (!m_portOpen) {
+        m_log.line("Machine not connected");
+        return;
+    }
+    m_log.line(std::string(1, c));
+    if (c == '?')
+        m_showNextStatus = true;
+    write(std::string(1, c));
+}
+
+namespace {
+
+// A command as the log names it: Ctrl-X has no glyph.
+std::string printable(const std::string& text)
+{
+    return text == "\x18" ? std::string("Ctrl-X") : text;
+}
+
+}  // namespace
 
 void GrblLink::giveUpCommands(std::string_view why, bool queuedToo)
 {
     if (!m_command && m_queue.empty())
         return;
     if (m_command) {
-        if (!m_command->console)
-            m_log.raw("\r\n");  // ends the command's log line
-        m_log.line(std::string(why) + ": \"" + m_command->text + "\"");
+        m_log.line(std::string(why) + ": \"" + printable(m_command->text) + "\"");
         m_actions.emplace_back(CommandDone{m_command->text, {}});
         m_command.reset();
         // Should its answer come after all, it belongs to nobody.
         ++m_owedResponses;
-    } else if (queuedToo) {
-        m_log.line(why);
     }
+    m_stuckSinceMs.reset();
     m_nextRollJogPending = false;
     if (!queuedToo)
         return;
-    for (auto& queued : m_queue)
+    for (auto& queued : m_queue) {
+        m_log.line("Not sent: \"" + printable(queued.text) + "\"");
         m_actions.emplace_back(CommandDone{std::move(queued.text), {}});
+    }
     m_queue.clear();
 }
 
@@ -241,7 +268,8 @@ void GrblLink::commandLine(std::string_view line, const Reply& reply)
 {
     const bool push = reply.kind == ReplyKind::Alarm || reply.kind == ReplyKind::Message ||
                       reply.kind == ReplyKind::Banner;
-    if (m_command->annotate && !push) {
+    // Lines are labelled by position; an "error:N" gets its meaning instead.
+    if (m_command->annotate && !push && reply.kind != ReplyKind::Error) {
         m_log.line(m_annotator.annotate(line));
     } else if (m_command->console) {
         m_log.line(explainedReply(line));
@@ -259,7 +287,8 @@ void GrblLink::commandLine(std::string_view line, const Reply& reply)
     if (!isResponse(reply))
         return;
     if (reply.kind == ReplyKind::Error && reply.code == 3 && m_command->text == "$HX")
-        m_log.line("This board runs a Grbl without single-axis homing ($HX)");
+        m_log.line("This board runs a Grbl without single-axis homing ($HX); it may stay in Home: "
+                   "soft-reset it (Ctrl-X)");
     if (reply.kind == ReplyKind::Error && reply.code == 5 && m_command->text.starts_with("$H"))
         m_log.line("Homing is disabled on this board: send $22=1 to enable it");
     Command done = std::move(*m_command);
@@ -432,24 +461,45 @@ void GrblLink::statusLine(std::string_view line)
         m_status.known = true;
         m_status.state = report->state;
         m_status.atMs = m_now;
+        // Idle, Hold and Alarm answer nothing more to a line already sent (a hold holds its
+        // answer back until "~"): after a while the command is given up (pollAndWatch).
+        const bool noAnswerComing = report->state == "Idle" || report->state.starts_with("Hold") ||
+                                    report->state == "Alarm";
+        if (!m_command || m_command->reset || !noAnswerComing)
+            m_stuckSinceMs.reset();
+        else if (!m_stuckSinceMs)
+            m_stuckSinceMs = m_now;
         for (int axis = 0; axis < 3; ++axis)
             m_status.machinePosition[axis] =
                 report->position[axis] + (report->machinePosition ? 0.0 : m_workOffset[axis]);
     }
-    // The job learns from Idle which holes are cut (its resume file).
-    if (m_job.running())
+    // The job learns from Idle which holes are cut (its resume file), and that it is done.
+    const bool jobRunning = m_job.running();
+    if (jobRunning)
         m_job.onLine(line);
     // Only a "?" typed at the console shows its report.
-    if (m_command && m_command->console && m_command->text.find('?') != std::string::npos)
+    if (m_showNextStatus || (m_command && m_command->console && m_command->text.find('?') != std::string::npos))
         m_log.line(line);
+    m_showNextStatus = false;
+    if (jobRunning) {
+        takeJobActions();
+        syncFlags();
+    }
+    // A report came before any answer to the detection's "\r": it was lost in the boot.
+    if (m_probeUncertain) {
+        m_probeUncertain = false;
+        sendQueued();
+    }
 }
 
 void GrblLink::onLine(std::string_view line)
 {
     const Reply reply = classifyReply(line);
+    const bool probeReleased = reply.kind == ReplyKind::Banner && m_probeUncertain;
     if (reply.kind == ReplyKind::Banner) {
         m_owedResponses = 0;  // a restart cancels every answer still owed
         m_critical = false;
+        m_probeUncertain = false;
         m_statusAskedMs.reset();
     }
     if (detecting()) {
@@ -475,6 +525,14 @@ void GrblLink::onLine(std::string_view line)
             return;
         }
     }
+    if (isResponse(reply) && m_probeUncertain && !m_command) {
+        m_probeUncertain = false;
+        m_log.raw(" < " + std::string(line) + "\r\n");
+        sendQueued();
+        return;
+    }
+    if (m_command && !isResponse(reply))
+        m_stuckSinceMs.reset();  // the command's own output: it is being answered
     if (isResponse(reply) && m_owedResponses > 0) {
         --m_owedResponses;
         m_log.raw(" < " + std::string(line) + "\r\n");
@@ -492,6 +550,8 @@ void GrblLink::onLine(std::string_view line)
     }
     // Nobody waits: a push message (an alarm, a welcome text after a reset).
     m_log.raw(" < " + explainedReply(line) + "\r\n");
+    if (probeReleased)
+        sendQueued();
 }
 
 void GrblLink::onTick(std::int64_t nowMs)
@@ -537,6 +597,17 @@ void GrblLink::pollAndWatch(std::int64_t nowMs)
         m_statusAskedMs = nowMs;
         m_lastPollMs = nowMs;
         write("?");
+    }
+    if (m_probeUncertain && nowMs - m_lastStatusMs >= m_timings.silenceMs) {
+        m_probeUncertain = false;  // no report to tell: the commands go, under the watchdog
+        sendQueued();
+    }
+    if (m_command && m_stuckSinceMs && nowMs - *m_stuckSinceMs >= m_timings.stuckMs) {
+        giveUpCommands("No answer while Grbl reports " + m_status.state + " for " +
+                           plainNumber(static_cast<double>(m_timings.stuckMs) / 1000.0) +
+                           " s (after \"!\" send \"~\"; after an alarm, \"$X\" or Ctrl-X): command given up",
+                       true);
+        sendQueued();
     }
     const bool waiting = m_command.has_value() || m_job.streaming();
     if (waiting && !m_waiting)

@@ -51,6 +51,9 @@ struct LinkTimings {
     std::int64_t statusLostMs = 1000;
     // Watchdog: no status report this long while a job streams or a command waits.
     std::int64_t silenceMs = 5000;
+    // A command waits while the board reports Idle, Hold or Alarm this long: its answer is
+    // not coming (lost, or held back by a hold), and it is given up.
+    std::int64_t stuckMs = 5000;
     // A job's soft reset waits this long for the welcome text.
     std::int64_t bannerWaitMs = JobStreamer::kBannerWaitMs;
 };
@@ -72,7 +75,7 @@ struct CommandDone {
     std::string command;
     std::string reply;  // "ok", "error:N", or empty when the board restarted or the port closed
 };
-using LinkAction = std::variant<WriteBytes, ResumePoint, JobEnded, DetectionDone, CommandDone>;
+using LinkAction = std::variant<WriteBytes, ResumePoint, ResumeFinished, JobEnded, DetectionDone, CommandDone>;
 
 class GrblLink {
 public:
@@ -87,6 +90,9 @@ public:
     const LinkTimings& timings() const { return m_timings; }
     // A copy of every text appended to the log, as appended (CR LF included).
     void setLogEcho(std::function<void(std::string_view)> echo) { m_log.setEcho(std::move(echo)); }
+    // False where nobody can hit Continue (a command line without a terminal): holds do not
+    // say "Hit Continue to resume".
+    void setContinuePrompt(bool on) { m_job.setContinuePrompt(on); }
 
     // The adapter tells whether the port is open.
     void setPortOpen(bool open);
@@ -110,6 +116,10 @@ public:
     bool consoleCommand(std::string text);
     // Commands queued or unanswered.
     bool commandPending() const { return m_command.has_value() || !m_queue.empty(); }
+    // A real-time character typed alone at the console ("!" feed hold, "~" cycle start, "?"
+    // status, whose next report is shown): logged and sent at once, ahead of any queued line,
+    // and answered by nothing.
+    void realtimeCommand(char c);
     // Ctrl-X: Grbl's soft reset (the only way out after ALARM:1), queued like a command and
     // done when the welcome text comes.
     void softReset();
@@ -195,6 +205,12 @@ private:
     std::int64_t m_lastPollMs = 0;
     bool m_waiting = false;  // a job streams or a command waits
     std::int64_t m_waitSinceMs = 0;
+    // Since when the board has reported a state in which the command's answer cannot come.
+    std::optional<std::int64_t> m_stuckSinceMs;
+    bool m_showNextStatus = false;
+    // The detection's "\r" went out before a late welcome text: it may have been lost in the
+    // boot or be answered yet. Commands wait until an "ok" or a status report tells.
+    bool m_probeUncertain = false;
     bool m_critical = false;
 
     std::vector<LinkAction> m_actions;

@@ -6,9 +6,11 @@
 
 #include "app/genere_gcode.h"
 #include "app/song_plan_scope.h"
+#include "base/data_folders.h"
 #include "base/numeric_text.h"
 #include "midi/mdlvert.h"
 #include "midi/resume_file.h"
+#include "scales/scale_file.h"
 
 namespace veltrin {
 
@@ -80,9 +82,18 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
     // nor lets replace the operator's.
     SettingList songPlan;
     if (isResumePath(report.songPath)) {
-        auto resume = readResumeFile(report.songPath);
+        std::vector<std::string> skippedLines;
+        auto resume = readResumeFile(report.songPath, &skippedLines);
         if (!resume)
             return fail(ImportError::UnreadableResumeFile, resume.detail());
+        // A plan made for a scale that is not here cannot be made again as it was.
+        if (const auto scale = settingValue(resume->settings, "Standard");
+            scale && !isBuiltInScale(*scale) && scaleFilePath(state.dossier_documents, *scale).empty())
+            return fail(ImportError::UnreadableResumeFile,
+                        report.songPath + ": Standard = \"" + *scale + "\": no such scale (built in or in " +
+                            instrumentsFolder(state.dossier_documents) + ")");
+        for (const std::string& skipped : skippedLines)
+            state.user_msg_list.append("Warning: resume file " + skipped + " (not key=value, skipped)");
         report.resumed = true;
         report.songPath = resume->songPath;
         report.restartMs = resume->restartMs;
@@ -129,6 +140,15 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
         return fail(ImportError::UnreadableSong, report.songPath + ": " + report.decoderMessage);
     }
 
+    // A note past the 7-digit time fields would land at a wrong time: no roll at all.
+    if (decoded.latestNoteMs > kMaxEventMs) {
+        state.chemin_morceau.clear();
+        state.Liste_tran.clear();
+        return fail(ImportError::UnreadableSong,
+                    report.songPath + ": a note plays at " + std::to_string(decoded.latestNoteMs) +
+                        " ms; songs longer than 9999999 ms (about 2 h 46 min) cannot be cut");
+    }
+
     // 4. Band width, then the program. A resumed job keeps its band width so the holes
     // come in the same order as in the interrupted program; it restarts at the earliest
     // hole not surely made.
@@ -147,6 +167,16 @@ Result<ImportReport, ImportError> openCurrentFile(AppState& state, const ImportO
     auto program = Genere_GCode(state, splitKept, false);
     if (!program)
         return notWritten(program.error(), program.detail());
+    if (report.resumed && state.writtenHoles.empty()) {
+        // A restart time past the last hole: the job was finished, and an empty program would
+        // only look like one that lost its holes.
+        std::error_code ignored;
+        std::filesystem::remove(program.value(), ignored);
+        std::filesystem::remove(programRecordPath(program.value()), ignored);
+        return fail(ImportError::SettingsRefused,
+                    "Nothing left to cut: every hole of " + report.songPath + " starts before the resume "
+                    "file's restart time (" + plainNumber(report.restartMs) + " ms); the job was finished");
+    }
     report.programPath = std::move(program.value());
     return report;
 }

@@ -6,6 +6,7 @@
 #include "app/settings_edit.h"
 #include "base/data_folders.h"
 #include "base/numeric_text.h"
+#include "plan/plan_checks.h"
 #include "scales/scale_file.h"
 
 namespace veltrin {
@@ -24,13 +25,16 @@ void applyLaserPowerCeiling(std::string& field)
         field = "1000";
 }
 
-// Gen_entete goes into a check box as a whole number; a value the box cannot hold (other
-// than 0 or 1) leaves the field as it was.
+// Gen_entete goes into a check box as 0 or 1; any other text ("yes", "2") is kept as it
+// stands, so that the generation refuses it by name as it refuses it in a resume file.
 void loadGenEntete(SettingsStore& store, Settings& settings)
 {
-    const double value = num(store.read("Gen_entete", settingDefault("Gen_entete")));
-    if (value > -0.5 && value < 1.5)
-        settings.Gen_entete.assign(1, roundHalfEven(value) == 1 ? '1' : '0');
+    const std::string text = store.read("Gen_entete", settingDefault("Gen_entete"));
+    const std::optional<double> value = strictNumber(text);
+    if (value && (*value == 0.0 || *value == 1.0))
+        settings.Gen_entete.assign(1, *value == 1.0 ? '1' : '0');
+    else
+        settings.Gen_entete = text;
 }
 
 std::string withoutTrailingSeparators(std::string path)

@@ -58,6 +58,50 @@ double leadingNumber(std::string_view text)
     return ec == std::errc() ? value : 0.0;
 }
 
+std::optional<double> strictNumber(std::string_view text)
+{
+    std::string_view t = text;
+    while (!t.empty() && (t.front() == ' ' || t.front() == '\t'))
+        t.remove_prefix(1);
+    while (!t.empty() && (t.back() == ' ' || t.back() == '\t'))
+        t.remove_suffix(1);
+    std::size_t i = 0;
+    if (i < t.size() && (t[i] == '+' || t[i] == '-'))
+        ++i;
+    std::size_t digits = 0;
+    for (; i < t.size() && isDigit(t[i]); ++i)
+        ++digits;
+    if (i < t.size() && t[i] == '.') {
+        for (++i; i < t.size() && isDigit(t[i]); ++i)
+            ++digits;
+    }
+    if (digits == 0)
+        return std::nullopt;
+    if (i < t.size() && (t[i] == 'e' || t[i] == 'E')) {
+        std::size_t j = i + 1;
+        if (j < t.size() && (t[j] == '+' || t[j] == '-'))
+            ++j;
+        const std::size_t firstDigit = j;
+        while (j < t.size() && isDigit(t[j]))
+            ++j;
+        if (j == firstDigit)
+            return std::nullopt;
+        i = j;
+    }
+    if (i != t.size())
+        return std::nullopt;
+    // A number too large (or too small) for a double is no number here: from_chars says
+    // so, where the leading-number rule would read it as 0.
+    std::string_view number = t;
+    if (number.front() == '+')
+        number.remove_prefix(1);
+    double value = 0.0;
+    const auto [end, ec] = std::from_chars(number.data(), number.data() + number.size(), value);
+    if (ec != std::errc() || end != number.data() + number.size() || !std::isfinite(value))
+        return std::nullopt;
+    return value;
+}
+
 std::string fixedWidth(long long value, int width)
 {
     long long power = 1;

@@ -3,6 +3,7 @@
 // event lines and piece lines.
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,11 @@ namespace veltrin {
 // at the first character that cannot continue the number; text without a number reads 0.
 // The decimal separator is always ".", whatever the locale.
 double leadingNumber(std::string_view text);
+
+// A setting's text read as a number, whole text: blanks around it are allowed, then an optional
+// sign, digits with one optional ".", and an optional exponent; nothing else. nullopt for
+// any other text ("abc", "4,5", "12mm", "") and for a number too large for a double.
+std::optional<double> strictNumber(std::string_view text);
 
 // A whole number in a fixed-width field: the decimal text of value + 10^width without its
 // first digit. Zero-padded, and a value of 10^width or more loses its leading digits

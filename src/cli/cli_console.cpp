@@ -1,8 +1,9 @@
 // veltrin-cli console: the console line of the desktop application on stdin. Each line read
 // is sent as a Grbl command and waits for its answer; the log is printed as the application
 // shows it ("$$" annotated). End of input ends the run once the last command is answered.
-// A command that the controller leaves unanswered (no status report for 5 s, or a limit
-// alarm) is given up with a message; a line holding only Ctrl-X sends Grbl's soft reset.
+// A command that the controller leaves unanswered (no status report for 5 s, Idle, Hold or
+// Alarm reported for 5 s, or a limit alarm) is given up with a message; a line holding only
+// Ctrl-X sends Grbl's soft reset, and "!", "~" or "?" alone go at once as real-time bytes.
 
 #include <CLI/CLI.hpp>
 
@@ -42,6 +43,7 @@ int runConsole(const ConsoleArgs& args)
 
     bool inputEnded = false;
     bool failed = false;
+    bool portGone = false;
     const auto finishIfDone = [&] {
         if (inputEnded && !port.link().commandPending())
             QCoreApplication::exit(0);
@@ -54,7 +56,9 @@ int runConsole(const ConsoleArgs& args)
                          finishIfDone();
                      });
     const auto watchPort = QObject::connect(&port, &MachinePort::stateChanged, QCoreApplication::instance(), [&] {
-        if (!port.isOpen()) {
+        if (!port.isOpen() && !portGone) {
+            portGone = true;
+            port.link().logLine("Port closed: " + args.port + " is gone (board unplugged or reset?)");
             failed = true;
             QCoreApplication::exit(0);
         }
@@ -77,6 +81,8 @@ int runConsole(const ConsoleArgs& args)
                 line.pop_back();
             if (line == "\x18")
                 port.link().softReset();
+            else if (line == "!" || line == "~" || line == "?")
+                port.link().realtimeCommand(line[0]);
             else
                 port.link().consoleCommand(line);
         }

@@ -41,6 +41,7 @@ struct ConvertArgs {
     std::optional<double> endMark;
     bool noWidthSearch = false;
     std::string out;
+    bool outGiven = false;  // --out given, even as ""
     bool defaults = false;
 };
 
@@ -120,6 +121,10 @@ int runConvert(const ConvertArgs& args)
         std::fprintf(stderr, "veltrin-cli convert: %s\n", problem.c_str());
         return kExitUsage;
     }
+    if (args.outGiven && args.out.empty()) {
+        std::fprintf(stderr, "veltrin-cli convert: --out \"\": name the program file to write\n");
+        return kExitUsage;
+    }
     if (!args.out.empty()) {
         if (std::string problem = outProblem(args.out, inputs); !problem.empty()) {
             std::fprintf(stderr, "veltrin-cli convert: %s\n", problem.c_str());
@@ -192,7 +197,28 @@ int runConvert(const ConvertArgs& args)
     state.programPathOverride = args.out;
 
     // From here on the log is the import's: print it as it grows.
-    state.user_msg_list.setListener(printMessage);
+    // With a mark the song's whole program comes first and the program between the marks
+    // replaces it: only the report of the last one is printed (a report runs from its first
+    // "   - " line until the next "Gcode writing between marks" or the end).
+    const bool marked = args.startMark || args.endMark;
+    auto heldReport = std::make_shared<std::vector<std::string>>();
+    auto holding = std::make_shared<bool>(false);
+    if (marked) {
+        state.user_msg_list.setListener([heldReport, holding](std::string_view message) {
+            if (message == "Gcode writing between marks") {
+                heldReport->clear();
+                *holding = false;
+            } else if (message.starts_with("   - Cuttings length : ") || message.starts_with("   - Overall distances : ")) {
+                *holding = true;
+            }
+            if (*holding)
+                heldReport->emplace_back(message);
+            else
+                printMessage(message);
+        });
+    } else {
+        state.user_msg_list.setListener(printMessage);
+    }
 
     ImportOptions options;
     // The band width the search chooses is saved, as in the application.
@@ -214,9 +240,13 @@ int runConvert(const ConvertArgs& args)
     }
     std::string program = imported->programPath;
 
+    // Both marks: the start is stored as it stands (checked above) and the end mark writes
+    // the one program between them.
+    if (args.startMark && args.endMark)
+        state.debut_marque = *args.startMark;
     for (const auto& [mark, setMark] :
          {std::pair{args.startMark, &setStartMark}, std::pair{args.endMark, &setEndMark}}) {
-        if (!mark)
+        if (!mark || (setMark == &setStartMark && args.endMark))
             continue;
         auto written = setMark(state, *mark);
         if (!written) {
@@ -227,6 +257,8 @@ int runConvert(const ConvertArgs& args)
         }
         program = written.value();
     }
+    for (const std::string& line : *heldReport)
+        printMessage(line);
 
     printMessage(program);
     std::fflush(stdout);
@@ -261,13 +293,16 @@ void addConvertCommand(CLI::App& app, int& exitCode)
                         "End mark in ms: also write the program between the marks");
     command->add_flag("--no-width-search", args->noWidthSearch,
                       "Keep Fourchette instead of searching the best band width");
-    command->add_option("--out", args->out,
+    CLI::Option* out = command->add_option("--out", args->out,
                         "Write the program here instead of the Temp folder (with a mark: the "
                         "program between the marks): a new file or a file to replace, never the "
                         "song read");
     command->add_flag("--defaults", args->defaults,
                       "Ignore the stored settings (every key at its default); nothing is saved");
-    command->callback([args, &exitCode] { exitCode = runConvert(*args); });
+    command->callback([args, out, &exitCode] {
+        args->outGiven = out->count() > 0;
+        exitCode = runConvert(*args);
+    });
 }
 
 }  // namespace veltrin::cli

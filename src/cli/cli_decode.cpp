@@ -80,6 +80,13 @@ int runDecode(const DecodeArgs& args)
         std::fprintf(stderr, "%s\n", result.errorMessage.c_str());
         return kExitFailed;
     }
+    if (result.latestNoteMs > kMaxEventMs) {
+        std::fprintf(stderr,
+                     "veltrin-cli decode: a note plays at %lld ms, past the 7-digit time fields (9999999 ms, about "
+                     "2 h 46 min): the times of the lines after it are wrong\n",
+                     result.latestNoteMs);
+        return kExitFailed;
+    }
     return kExitOk;
 }
 

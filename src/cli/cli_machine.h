@@ -60,10 +60,14 @@ inline bool startMachineRun(const char* command, AppState& state, bool defaults,
 }
 
 // Opens the port and waits in the event loop for the detection. False, after the log has said
-// why, when the port does not open or no Grbl answers.
+// why, when the port does not open or no Grbl answers. The log is echoed with printLog.
 inline bool openAndDetect(const char* command, MachinePort& port, const std::string& portName)
 {
-    if (!port.openPort(QString::fromStdString(portName))) {
+    // A port that does not open is told once, on stderr, not in the log's echo too.
+    port.link().setLogEcho({});
+    const bool opened = port.openPort(QString::fromStdString(portName));
+    port.link().setLogEcho(printLog);
+    if (!opened) {
         std::fprintf(stderr, "veltrin-cli %s: cannot open the port %s: %s\n", command, portName.c_str(),
                      port.openError().toLocal8Bit().constData());
         return false;

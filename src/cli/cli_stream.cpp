@@ -209,12 +209,20 @@ int runStream(const StreamArgs& args)
             logAtLineStart = text.back() == '\n';
     });
     const bool terminal = isatty(STDIN_FILENO);
+    // Without a terminal (or with --on-error) a hold is decided here, and nobody hits Continue.
+    port.link().setContinuePrompt(terminal && args.onError.empty());
     JobOutcome outcome = JobOutcome::Cancelled;
     bool ended = false;
     bool asking = false;
     QObject::connect(&port, &MachinePort::jobEnded, QCoreApplication::instance(), [&](JobOutcome o) {
         outcome = o;
         ended = true;
+        const JobStreamer& job = port.link().job();
+        if ((o == JobOutcome::Cancelled || o == JobOutcome::PortLost) && job.resumeWritten()) {
+            const std::string path = resumePathFor(job.songPath());
+            port.link().logLine("Resume file: " + path + " \u2014 open it (veltrin-cli convert " + path +
+                                ") to cut what is left");
+        }
         // The fold question (if any) has been answered inside the end of the job.
         QTimer::singleShot(0, QCoreApplication::instance(), [] { QCoreApplication::exit(0); });
     });

@@ -475,10 +475,12 @@ bool GrblEmulator::pump()
 {
     bool progressed = false;
     while (!m_booting && !m_critical && !m_silent && !m_hungUp) {
-        // A hold suspends the main program: a waiting line, and the next line end, wait for
-        // the cycle start (only real-time bytes are acted on meanwhile).
-        if (m_state == State::Hold && (m_pending || (!m_rx.empty() && (m_rx.front() == '\n' ||
-                                                                        m_rx.front() == '\r'))))
+        // A hold suspends the main program: a waiting line, and the end of a line with
+        // something to run, wait for the cycle start (only real-time bytes are acted on
+        // meanwhile). An empty line is still answered "ok", as Grbl does for syncing.
+        const bool lineToRun = !m_line.empty() || m_lineOverflow;
+        if (m_state == State::Hold &&
+            (m_pending || (lineToRun && !m_rx.empty() && (m_rx.front() == '\n' || m_rx.front() == '\r'))))
             break;
         if (m_pending) {
             if (!finishPending())

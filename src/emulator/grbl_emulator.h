@@ -13,8 +13,8 @@
 // What it models: the 128-byte receive buffer (overflowing bytes are dropped), the line
 // cleaning and the one response per line, a 16-block planner whose fullness holds back "ok",
 // linear moves at constant speed (no acceleration; G0 at the $110-$112 rates, G1 at F within
-// them) so that "?" follows the motion, feed hold (which, as in Grbl, suspends the parsing of
-// lines until "~") and cycle start, soft reset, jogging, single-axis homing, the alarm lock,
+// them) so that "?" follows the motion, feed hold (which, as in Grbl, suspends the lines to run
+// until "~"; an empty line is still answered "ok") and cycle start, soft reset, jogging, single-axis homing, the alarm lock,
 // the settings and the fault options below. Not modelled: arcs (G2/G3 run as straight moves),
 // check mode ($C), sleep, the safety door, overrides, probing, G10, G28/G30 (error:20); the
 // work coordinate systems G54-G59 all have zero offsets (G92 offsets are kept).

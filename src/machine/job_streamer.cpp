@@ -11,6 +11,9 @@ namespace veltrin {
 
 void LogSink::line(std::string_view message)
 {
+    // A message starts on a line of its own, even after a line sent and still unanswered.
+    if (m_midLine)
+        raw("\r\n");
     m_log->append(message);
     if (m_echo) {
         std::string text(message);
@@ -21,7 +24,10 @@ void LogSink::line(std::string_view message)
 
 void LogSink::raw(std::string_view text)
 {
+    if (text.empty())
+        return;
     m_log->appendRaw(text);
+    m_midLine = text.back() != '\n';
     if (m_echo)
         m_echo(text);
 }
@@ -68,6 +74,8 @@ void JobStreamer::start(JobProgram program, bool simulation, std::int64_t nowMs)
     m_lastResumeMs = nowMs;
     m_resumeWrittenFor.reset();
     m_resumeMsWritten = -1.0;
+    m_resumeArmed = false;
+    m_idleReports = 0;
     m_log->line("Sending file : " + m_program.fileName);
     prepareHoles();
     if (m_simulation) {
@@ -75,7 +83,6 @@ void JobStreamer::start(JobProgram program, bool simulation, std::int64_t nowMs)
         m_nextSimulatedMs = nowMs;
         return;
     }
-    emitResumePoint();
     // Soft reset; the checks and the first line leave once the welcome text says Grbl is
     // ready again.
     m_phase = Phase::Resetting;
@@ -112,7 +119,7 @@ void JobStreamer::prepareHoles()
 
 void JobStreamer::emitResumePoint()
 {
-    if (m_simulation || m_program.songPath.empty())
+    if (m_simulation || m_program.songPath.empty() || !m_resumeArmed)
         return;
     // The restart time: the earliest start among the holes not surely made (hole_progress.h).
     const double restartMs = m_holes.restartMs(m_next);
@@ -152,6 +159,12 @@ void JobStreamer::sendNext()
         write(std::move(text));
         return;
     }
+    if (m_waitForIdle) {
+        // Done when the machine says so; the watchdog still watches.
+        m_phase = Phase::Draining;
+        m_idleReports = 0;
+        return;
+    }
     finish(JobOutcome::EndOfPunch);
 }
 
@@ -164,7 +177,15 @@ void JobStreamer::onLine(std::string_view line)
         m_criticalAlarm = false;
     if (reply.kind == ReplyKind::Status) {
         // A push message: it tells which holes are cut (hole_progress.h), and is not logged.
-        m_holes.statusReport(line.starts_with("<Idle"), m_next);
+        const bool idle = line.starts_with("<Idle");
+        m_holes.statusReport(idle, m_next);
+        if (m_phase == Phase::Draining) {
+            // The first Idle after the last "ok" may come before Grbl starts the motion just
+            // queued (hole_progress.h); the next one means done.
+            m_idleReports = idle ? m_idleReports + 1 : 0;
+            if (m_idleReports >= 2)
+                finish(JobOutcome::EndOfPunch);
+        }
         return;
     }
     if (reply.kind == ReplyKind::Alarm ||
@@ -202,7 +223,8 @@ void JobStreamer::onLine(std::string_view line)
     case ReplyKind::Alarm:
         if (isCriticalAlarm(reply.code))
             m_criticalAlarm = true;
-        if (m_phase == Phase::Streaming || m_phase == Phase::Paused || m_phase == Phase::Held) {
+        if (m_phase == Phase::Streaming || m_phase == Phase::Paused || m_phase == Phase::Held ||
+            m_phase == Phase::Draining) {
             std::string why = "Grbl alarm: " + explainedReply(line) + ". Punch held at line " +
                               std::to_string(m_next + 1);
             if (m_criticalAlarm)
@@ -228,9 +250,14 @@ void JobStreamer::answered(const Reply& reply, std::string_view line)
         finish(JobOutcome::Cancelled);
         return;
     }
-    if (reply.kind == ReplyKind::Ok)
+    const bool firstAcknowledged = reply.kind == ReplyKind::Ok && !m_resumeArmed;
+    if (reply.kind == ReplyKind::Ok) {
         ++m_okCount;
+        m_resumeArmed = true;
+    }
     ++m_next;
+    if (firstAcknowledged)
+        emitResumePoint();
     m_log->trimTo(kLogLimit);
     if (reply.kind == ReplyKind::Error) {
         m_holes.refused(m_next - 1);
@@ -328,13 +355,14 @@ void JobStreamer::hold(std::string_view why, HoldReason reason)
     ++m_holdCount;
     m_pauseWanted = true;
     m_log->line(why);
-    m_log->line("Hit Continue to resume");
+    if (m_continuePrompt)
+        m_log->line("Hit Continue to resume");
     emitResumePoint();
 }
 
 void JobStreamer::pause()
 {
-    if (m_phase != Phase::Streaming)
+    if (m_phase != Phase::Streaming && m_phase != Phase::Draining)
         return;
     m_pauseWanted = true;
     m_phase = Phase::Paused;
@@ -478,7 +506,11 @@ void JobStreamer::finish(JobOutcome outcome)
     case JobOutcome::NotStarted:
         break;
     }
-    emitResumePoint();
+    if (outcome == JobOutcome::EndOfPunch && m_phase == Phase::Draining && m_resumeArmed &&
+        !m_program.songPath.empty())
+        m_actions.emplace_back(ResumeFinished{m_program.songPath});
+    else
+        emitResumePoint();
     m_phase = Phase::Idle;
     m_inFlight = InFlight::None;
     m_pauseWanted = false;

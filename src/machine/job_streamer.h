@@ -54,6 +54,11 @@ struct ResumePoint {
     // JobProgram::planSettings.
     std::vector<std::pair<std::string, std::string>> settings;
 };
+// Every hole is done (the machine reported Idle after the last line): the song's resume file
+// has nothing left to resume and goes.
+struct ResumeFinished {
+    std::string songPath;
+};
 // NotStarted: the checks after the soft reset refused the job (no welcome text, laser mode off).
 enum class JobOutcome { EndOfPunch, Cancelled, PortLost, NotStarted };
 // Why a job is held, for a front end that decides between Continue and Stop.
@@ -75,7 +80,7 @@ struct JobEnded {
     // answer): its response, should it come, belongs to nobody.
     bool answerOwed = false;
 };
-using JobAction = std::variant<WriteBytes, ResumePoint, JobEnded>;
+using JobAction = std::variant<WriteBytes, ResumePoint, ResumeFinished, JobEnded>;
 
 // Writes what goes to the message log; an optional echo sees the same text (CLI output).
 class LogSink {
@@ -91,6 +96,7 @@ public:
 private:
     MessageLog* m_log;
     std::function<void(std::string_view)> m_echo;
+    bool m_midLine = false;
 };
 
 class JobStreamer {
@@ -118,6 +124,14 @@ public:
     void controllerSilent(std::int64_t silentMs);
     // Shortened by tests only.
     void setBannerWaitMs(std::int64_t ms) { m_bannerWaitMs = ms; }
+    // With status reports coming (the link polls), the job ends only when the machine reports
+    // Idle after the last line: Grbl still has up to 16 blocks to run after its last "ok".
+    void setWaitForIdle(bool on) { m_waitForIdle = on; }
+    // A hold logs "Hit Continue to resume" only where somebody may hit it.
+    void setContinuePrompt(bool on) { m_continuePrompt = on; }
+    // The job has written the song's resume file (a line of it was acknowledged).
+    bool resumeWritten() const { return m_resumeArmed && !m_program.songPath.empty() && !m_simulation; }
+    const std::string& songPath() const { return m_program.songPath; }
 
     void onLine(std::string_view line);
     void onTick(std::int64_t nowMs);
@@ -133,8 +147,8 @@ public:
     // The job waits on the controller (a line in flight or to come): the watchdog applies.
     bool streaming() const
     {
-        return !m_simulation &&
-               (m_phase == Phase::Checking || m_phase == Phase::Streaming || m_phase == Phase::Paused);
+        return !m_simulation && (m_phase == Phase::Checking || m_phase == Phase::Streaming ||
+                                 m_phase == Phase::Paused || m_phase == Phase::Draining);
     }
     bool simulation() const { return m_simulation; }
     // Progress: lines acknowledged (or shown, in simulation) of lineCount().
@@ -145,7 +159,8 @@ public:
     std::string temps_restant() const;
 
 private:
-    enum class Phase { Idle, Resetting, Checking, Streaming, Paused, Held, Stopping };
+    // Draining: every line is acknowledged; the machine runs what its planner still holds.
+    enum class Phase { Idle, Resetting, Checking, Streaming, Paused, Held, Stopping, Draining };
     enum class InFlight { None, ProgramLine, M5, Check };
 
     void write(std::string bytes);
@@ -187,6 +202,12 @@ private:
     std::int64_t m_lastResumeMs = 0;
     std::optional<std::size_t> m_resumeWrittenFor;
     double m_resumeMsWritten = -1.0;
+    // The resume file is left alone until a line of this job is acknowledged: a job refused
+    // at its start must not wipe the resume point of an earlier one.
+    bool m_resumeArmed = false;
+    bool m_waitForIdle = false;
+    bool m_continuePrompt = true;
+    int m_idleReports = 0;  // consecutive Idle reports while draining
     // Which holes are surely made (hole_progress.h).
     HoleProgress m_holes;
     double m_measureTotal = 0.0;  // holes (punch) or mm of motion (laser)

@@ -271,6 +271,14 @@ void MachinePort::carryOut()
                 content.settings = r->settings;
                 if (!writeResumeFile(resumePathFor(r->songPath), content))
                     m_link.logLine("Resume file not written: " + resumePathFor(r->songPath));
+            } else if (auto* f = std::get_if<ResumeFinished>(&action)) {
+                const std::string path = resumePathFor(f->songPath);
+                if (QFile::exists(QString::fromStdString(path))) {
+                    if (QFile::remove(QString::fromStdString(path)))
+                        m_link.logLine("Resume file removed, the job is finished: " + path);
+                    else
+                        m_link.logLine("Resume file not removed: " + path);
+                }
             } else if (auto* d = std::get_if<DetectionDone>(&action)) {
                 const bool found = d->grblFound;
                 emit detectionFinished(found);

@@ -346,6 +346,7 @@ void Decoder::writeNote(int channel, int note, std::int64_t endTick)
     noteOff.field(channel, 5);
     noteOff.addTo(m_out.lines);
 
+    m_out.latestNoteMs = std::max({m_out.latestNoteMs, startMs, endMs});
     if (static_cast<float>(endMs) > m_latestEndMs)
         m_latestEndMs = static_cast<float>(endMs);
 

@@ -31,7 +31,13 @@ struct DecodeResult {
     int errorCode = 0;
     // The decoder's message for errorCode (two lines joined by CR LF for codes 1 to 3).
     std::string errorMessage;
+    // The latest time (ms) of a note start or end. Past kMaxEventMs the 7-digit time fields
+    // lose their leading digits: such a song cannot be cut from its lines.
+    long long latestNoteMs = 0;
 };
+
+// The latest time an event line's 7-digit field holds, ms (about 2 h 46 min).
+inline constexpr long long kMaxEventMs = 9999999;
 
 // Vertalen ("convert"): decodes the bytes of the MIDI file at path (the path is only written
 // into the HEAD line). On an error the lines produced before it are kept and no ENDF or HEAD

@@ -39,14 +39,19 @@ bool readLines(const std::string& path, std::vector<std::string>& lines)
     return !in.bad();
 }
 
-// "key=value" lines; lines without "=" (or with an empty key) are skipped.
-SettingList keyValues(const std::vector<std::string>& lines, std::size_t from)
+// "key=value" lines; lines without "=" (or with an empty key) are skipped, and listed in
+// skipped when given (blank lines aside).
+SettingList keyValues(const std::vector<std::string>& lines, std::size_t from,
+                      std::vector<std::string>* skipped = nullptr)
 {
     SettingList list;
     for (std::size_t i = from; i < lines.size(); ++i) {
         const std::size_t equal = lines[i].find('=');
-        if (equal == std::string::npos || equal == 0)
+        if (equal == std::string::npos || equal == 0) {
+            if (skipped && lines[i].find_first_not_of(" \t") != std::string::npos)
+                skipped->push_back("line " + std::to_string(i + 1) + ": " + lines[i]);
             continue;
+        }
         list.emplace_back(lines[i].substr(0, equal), lines[i].substr(equal + 1));
     }
     return list;
@@ -126,7 +131,7 @@ std::string resumePathFor(std::string_view songPath)
     return std::string(songPath) + ".rep";
 }
 
-Result<ResumeFile, ResumeFileError> readResumeFile(const std::string& path)
+Result<ResumeFile, ResumeFileError> readResumeFile(const std::string& path, std::vector<std::string>* skippedLines)
 {
     std::vector<std::string> lines;
     if (!readLines(path, lines))
@@ -137,10 +142,22 @@ Result<ResumeFile, ResumeFileError> readResumeFile(const std::string& path)
 
     ResumeFile content;
     content.songPath = lines[0];
-    content.restartMs = leadingNumber(lines[1]);
-    content.restartLine = static_cast<long long>(std::llround(leadingNumber(lines[2])));
+    const std::optional<double> restart = strictNumber(lines[1]);
+    if (!restart || *restart < 0.0)
+        return fail(ResumeFileError::BadLine, path + ": line 2 = \"" + lines[1] +
+                                                  "\": the restart time must be a number of 0 ms or more");
+    const std::optional<double> line = strictNumber(lines[2]);
+    if (!line || *line < 0.0 || *line != std::floor(*line) || *line > 1e15)
+        return fail(ResumeFileError::BadLine, path + ": line 3 = \"" + lines[2] +
+                                                  "\": the program line to restart from must be a whole number of 0 or more");
+    const std::optional<double> band = strictNumber(lines[3]);
+    if (!band || *band < 0.0)
+        return fail(ResumeFileError::BadLine, path + ": line 4 = \"" + lines[3] +
+                                                  "\": the band width Fourchette must be a number of 0 or more (mm)");
+    content.restartMs = *restart;
+    content.restartLine = static_cast<long long>(*line);
     content.Fourchette = lines[3];
-    content.settings = keyValues(lines, 4);
+    content.settings = keyValues(lines, 4, skippedLines);
     return content;
 }
 

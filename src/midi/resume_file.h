@@ -51,6 +51,7 @@ enum class ResumeFileError {
     Incomplete,   // fewer than four lines
     CannotWrite,  // temporary file not created, not written, not flushed or not renamed
     OtherProgram, // a program record that describes another program text (hash differs)
+    BadLine,      // line 2, 3 or 4 is not what it must be (the detail names it)
 };
 
 // True when the last three characters of path are "rep" (case-sensitive: "song.mid.REP" is
@@ -60,9 +61,14 @@ bool isResumePath(std::string_view path);
 // The resume file of a song: songPath + ".rep".
 std::string resumePathFor(std::string_view songPath);
 
-// Reads the four lines, the numbers by the leading-number rule (unreadable text is 0), then
-// the "key=value" lines (others are skipped).
-Result<ResumeFile, ResumeFileError> readResumeFile(const std::string& path);
+// Reads the four lines, then the "key=value" lines (others are skipped and listed). Fails
+// with BadLine, naming the line, when line 2 is not a time of 0 ms or more, line 3 not a
+// whole number of 0 or more, or line 4 not a band width of 0 or more (each a whole plain
+// number; "abc", "-500", "1e400" and "nan" are refused, not read as 0).
+// skippedLines, when given, receives the lines after the fourth that are not "key=value"
+// ("line 7: text"), for the log.
+Result<ResumeFile, ResumeFileError> readResumeFile(const std::string& path,
+                                                   std::vector<std::string>* skippedLines = nullptr);
 
 // Writes the file durably (see above); line 1 is made absolute. Returns path.
 Result<std::string, ResumeFileError> writeResumeFile(const std::string& path,

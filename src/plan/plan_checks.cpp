@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <string>
+#include <tuple>
 
 #include "base/numeric_text.h"
 
@@ -47,6 +49,11 @@ std::string numberText(double value)
 }
 
 enum class Floor { AboveZero, ZeroOrMore };
+
+// The thinnest bridge (or gap between strikes) other than none, and the shortest piece
+// between bridges, mm.
+constexpr double kMinBridgeMm = 0.1;
+constexpr double kMinPieceMm = 1.0;
 
 // The longest band, in ms of roll: far beyond any song, within the band time's whole number.
 constexpr double kMaxBandMs = 1e9;
@@ -148,6 +155,16 @@ std::optional<std::string> settingsRefusal(const Settings& s, const OrganScale& 
                                 "mm", Floor::AboveZero))
             return r;
     }
+    // A bridge (or a gap between strikes) thinner than this tears or burns through: 0 is
+    // the only smaller length (no bridges, touching strikes).
+    if (bridge > 0.0 && bridge < kMinBridgeMm)
+        return refusal("Lgponts", s.Lgponts,
+                       std::string(laser ? "a bridge" : "the gap between strikes") + " must be 0 or at least " +
+                           plainNumber(kMinBridgeMm) + " mm: a thinner one cannot hold the card");
+    if (laser && bridge > 0.0 && *strictNumber(s.Dist_ponts) < kMinPieceMm)
+        return refusal("Dist_ponts", s.Dist_ponts,
+                       "the distance between bridges must be at least " + plainNumber(kMinPieceMm) +
+                           " mm: shorter pieces would run into each other");
     if (!laser) {
         if (auto r = numberRule("L_poincon", s.L_poincon, "the punch size along the roll", "mm", Floor::AboveZero))
             return r;
@@ -156,11 +173,40 @@ std::optional<std::string> settingsRefusal(const Settings& s, const OrganScale& 
         if (auto r = numberRule("BassesAF", s.BassesAF, "the width of the four bass holes", "mm", Floor::AboveZero))
             return r;
     }
+    // Holes of neighbouring tracks must not touch, nor the first track's holes leave the
+    // roll. The 20-note scale's four bass tracks are BassesAF wide, 1.5 spacings apart, and
+    // the last of them one spacing from the first treble track.
+    const double cut = *strictNumber(s.Ldecoupe);
+    const double spacing = *strictNumber(s.Dist_notes);
+    if (cut >= spacing)
+        return refusal("Ldecoupe", s.Ldecoupe,
+                       "the hole size across the roll must be less than the track spacing Dist_notes (" + s.Dist_notes +
+                           " mm), or holes of neighbouring tracks would touch");
+    if (scale.standard_AF_actif) {
+        const double bass = *strictNumber(s.BassesAF);
+        if (bass >= 1.5 * spacing || (bass + cut) / 2.0 >= spacing)
+            return refusal("BassesAF", s.BassesAF,
+                           "the bass holes must be less than 1.5 track spacings wide and, with the holes of Ldecoupe (" +
+                               s.Ldecoupe + " mm), less than 2 spacings (Dist_notes " + s.Dist_notes +
+                               " mm): holes of neighbouring tracks would touch");
+    }
+    if (laser) {
+        const double widest = scale.standard_AF_actif ? std::max(cut, *strictNumber(s.BassesAF)) : cut;
+        if (*strictNumber(s.Talon) < widest / 2.0)
+            return refusal("Talon", s.Talon,
+                           "the first holes would start at X " + plainNumber(*strictNumber(s.Talon) - widest / 2.0) +
+                               " mm, past the roll border: Talon must be at least " + plainNumber(widest / 2.0) +
+                               " mm (half the widest hole)");
+    }
     const std::optional<double> cleanup = strictNumber(s.RollCleanup);
     if (!cleanup || (*cleanup != 0.0 && *cleanup != 1.0))
         return refusal("RollCleanup", s.RollCleanup, "the roll cleanup must be 0 (off) or 1 (on)");
     if (auto r = numberRule("MinHoleLength", s.MinHoleLength, "the shortest hole", "mm", Floor::ZeroOrMore))
         return r;
+    if (*strictNumber(s.MinHoleLength) > kMaxMinHoleMm)
+        return refusal("MinHoleLength", s.MinHoleLength,
+                       "the shortest hole must be at most " + plainNumber(kMaxMinHoleMm) +
+                           " mm: every short note would become a hole this long");
     if (auto r = numberRule("Fourchette", s.Fourchette, "the band width of the travel order", "mm", Floor::ZeroOrMore))
         return r;
     if (laser) {
@@ -208,40 +254,6 @@ std::string beyondRefusal(std::string_view key, std::string_view value, const st
 
 }  // namespace
 
-std::optional<double> strictNumber(std::string_view text)
-{
-    const std::string_view t = trimmed(text);
-    std::size_t i = 0;
-    if (i < t.size() && (t[i] == '+' || t[i] == '-'))
-        ++i;
-    std::size_t digits = 0;
-    for (; i < t.size() && isDigit(t[i]); ++i)
-        ++digits;
-    if (i < t.size() && t[i] == '.') {
-        for (++i; i < t.size() && isDigit(t[i]); ++i)
-            ++digits;
-    }
-    if (digits == 0)
-        return std::nullopt;
-    if (i < t.size() && (t[i] == 'e' || t[i] == 'E')) {
-        std::size_t j = i + 1;
-        if (j < t.size() && (t[j] == '+' || t[j] == '-'))
-            ++j;
-        const std::size_t firstDigit = j;
-        while (j < t.size() && isDigit(t[j]))
-            ++j;
-        if (j == firstDigit)
-            return std::nullopt;
-        i = j;
-    }
-    if (i != t.size())
-        return std::nullopt;
-    const double value = leadingNumber(t);
-    if (!std::isfinite(value))
-        return std::nullopt;
-    return value;
-}
-
 Result<bool, PlanError> checkGenerationSettings(const Settings& settings, const OrganScale& scale)
 {
     if (auto r = numberRule("Vitcarton", settings.Vitcarton, "the roll speed", "mm/s", Floor::AboveZero))
@@ -277,16 +289,34 @@ Result<bool, PlanError> checkGenerationSettings(const Settings& settings, const 
     }
 
     // A split must move along the roll: each piece and its bridge (or strike and gap) at
-    // least 1 ms of roll, or long notes would be cut into countless pieces.
+    // least 1 ms of roll, or long notes would be cut into countless pieces; and a bridge (or
+    // gap) or a piece under 1 ms would leave pieces touching or of no length once their
+    // times are whole ms. A length refused above for being too small names its own key;
+    // one of a sensible size too short for 1 ms names the roll speed.
     const double bridge = *strictNumber(settings.Lgponts);
+    const double msOfRoll = speed / 1000.0;
+    const auto tooFine = [&](const char* key, const std::string& text, const std::string& what, double length)
+        -> std::optional<std::string> {
+        if (length >= msOfRoll)
+            return std::nullopt;
+        if (length >= kMinPieceMm || (std::string_view(key) == "Lgponts" && length >= kMinBridgeMm))
+            return refusal("Vitcarton", settings.Vitcarton,
+                           "at this roll speed 1 ms of roll is " + numberText(msOfRoll) + " mm, more than " + what +
+                               " (" + numberText(length) + " mm): the roll speed must be lower");
+        return refusal(key, text, what + " must be at least " + numberText(msOfRoll) + " mm (1 ms of roll)");
+    };
     if (!(laser && bridge == 0.0)) {
         const char* key = laser ? "Dist_ponts" : "L_poincon";
         const std::string& piece = laser ? settings.Dist_ponts : settings.L_poincon;
-        if (!((*strictNumber(piece) + bridge) * 1000.0 / speed >= 1.0)) {
-            return fail(PlanError::SplitTooFine,
-                        refusal(key, piece,
-                                std::string(key) + " + Lgponts must be at least " + plainNumber(speed / 1000.0) +
-                                    " mm (1 ms of roll)"));
+        if (auto r = tooFine(key, piece, std::string(key) + " + Lgponts", *strictNumber(piece) + bridge))
+            return fail(PlanError::SplitTooFine, *r);
+    }
+    if (bridge > 0.0) {
+        if (auto r = tooFine("Lgponts", settings.Lgponts, "Lgponts", bridge))
+            return fail(PlanError::SplitTooFine, *r);
+        if (laser) {
+            if (auto r = tooFine("Dist_ponts", settings.Dist_ponts, "Dist_ponts", *strictNumber(settings.Dist_ponts)))
+                return fail(PlanError::SplitTooFine, *r);
         }
     }
     return true;

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/numeric_text.h"
 #include "base/result.h"
 #include "base/settings.h"
 #include "plan/piece.h"
@@ -27,13 +28,12 @@ inline constexpr double kMaxCoordinateMm = 99999.0;
 inline constexpr std::size_t kMaxGrblLineChars = 79;
 // The largest mark: the time field of a piece holds 7 digits (about 2 h 46 min).
 inline constexpr double kMaxMarkMs = 9999999.0;
+// The largest shortest-hole length, mm: more turns every short note into a long slot.
+inline constexpr double kMaxMinHoleMm = 20.0;
 // The largest feed the program writes, mm/min.
 inline constexpr double kMaxFeed = 99999.0;
 
-// A setting's text read as a whole number: blanks around it are allowed, then an optional
-// sign, digits with one optional ".", and an optional exponent; nothing else. nullopt for
-// any other text ("abc", "4,5", "12mm", "") and for a number too large for a double.
-std::optional<double> strictNumber(std::string_view text);
+// strictNumber (base/numeric_text.h) reads every number the checks read.
 
 // Every setting that Genere_GCode reads for this machine and scale. Fails with
 // PlanError::ZeroRollSpeed for Vitcarton, PlanError::SettingRefused for any other key.

@@ -18,13 +18,30 @@ public:
     TrackCleaner(const RollCleanupValues& values, RollCleanupCounts& tally) : v(values), counts(tally) {}
 
     // The runs of one track, in order of their starts; heldFor: each run's length as it came.
-    void clean(std::vector<PlanNote*>& runs, const std::vector<double>& heldFor)
+    // Returns, for each run, whether it was joined to the hole before it.
+    std::vector<bool> clean(std::vector<PlanNote*>& runs, const std::vector<double>& heldFor)
     {
-        for (std::size_t k = 0; k < runs.size(); ++k) {
+        std::vector<bool> joined(runs.size(), false);
+        if (runs.empty())
+            return joined;
+        std::size_t hole = 0;
+        lengthen(*runs[0], heldFor[0]);
+        for (std::size_t k = 1; k < runs.size(); ++k) {
+            if (tooFastToSeparate(*runs[hole], *runs[k])) {
+                // The card cannot hold a repeat this fast in time: a held note keeps the
+                // song in time where separated repeats would push every later one back.
+                PlanNote& a = *runs[hole];
+                a.endMs = std::max(a.endMs, runs[k]->endMs);
+                lengthen(a, a.endMs - a.startMs);
+                joined[k] = true;
+                ++counts.joined;
+                continue;
+            }
+            separate(*runs[hole], *runs[k]);
+            hole = k;
             lengthen(*runs[k], heldFor[k]);
-            if (k + 1 < runs.size())
-                separate(*runs[k], *runs[k + 1]);
         }
+        return joined;
     }
 
 private:
@@ -71,6 +88,23 @@ private:
             n.endMs = std::ceil(n.endMs + v.minHole - lastPiece(n.endMs - n.startMs));
             ++counts.lengthened;
         }
+    }
+
+    // Where separate() would start b: its own start, or later after a at its shortest.
+    double separatedStart(const PlanNote& a, const PlanNote& b) const
+    {
+        if (b.startMs - holeEnd(a) >= v.separation)
+            return b.startMs;
+        const double shortest = shortestEnd(a.startMs);
+        if (std::floor(b.startMs - v.separation) >= shortest)
+            return b.startMs;
+        PlanNote cut = a;
+        cut.endMs = std::min(a.endMs, shortest);
+        return std::max(b.startMs, std::ceil(holeEnd(cut) + v.separation));
+    }
+    bool tooFastToSeparate(const PlanNote& a, const PlanNote& b) const
+    {
+        return separatedStart(a, b) - b.startMs > maxDelay(v);
     }
 
     void separate(PlanNote& a, PlanNote& b)
@@ -130,11 +164,13 @@ RollCleanupCounts cleanRoll(std::vector<PlanNote>& notes, const RollCleanupValue
 
     std::vector<bool> merged(notes.size(), false);
     std::vector<PlanNote*> runs;
+    std::vector<std::size_t> runIndex;
     std::vector<double> heldFor;
     TrackCleaner cleaner(values, counts);
     for (std::size_t first = 0; first < order.size();) {
         const int piste = notes[order[first]].piste;
         runs.clear();
+        runIndex.clear();
         heldFor.clear();
         std::size_t i = first;
         // 1. Overlapping notes become one run (a note that starts where the run ends is a
@@ -149,14 +185,19 @@ RollCleanupCounts cleanRoll(std::vector<PlanNote>& notes, const RollCleanupValue
                 continue;
             }
             runs.push_back(&note);
+            runIndex.push_back(order[i]);
             heldFor.push_back(note.endMs - note.startMs);
         }
-        // 2. Lengths and the card between the runs.
-        cleaner.clean(runs, heldFor);
+        // 2. Lengths and the card between the runs; repeats too fast for the card join the
+        //    hole before them and leave the list as merged notes do.
+        const std::vector<bool> joined = cleaner.clean(runs, heldFor);
+        for (std::size_t k = 0; k < joined.size(); ++k)
+            if (joined[k])
+                merged[runIndex[k]] = true;
         first = i;
     }
 
-    if (counts.merged > 0) {
+    if (counts.merged + counts.joined > 0) {
         std::size_t kept = 0;
         for (std::size_t i = 0; i < notes.size(); ++i)
             if (!merged[i])
@@ -178,6 +219,8 @@ std::string rollCleanupReport(const RollCleanupCounts& counts)
             part += " (" + std::to_string(counts.delayed) + " started later)";
         add(part);
     }
+    if (counts.joined > 0)
+        add(counted(counts.joined, " fast repeat joined to the hole before", " fast repeats joined to the hole before"));
     if (counts.lengthened > 0)
         add(counted(counts.lengthened, " short hole lengthened", " short holes lengthened"));
     return parts.empty() ? std::string() : "   - Roll cleanup : " + parts;
@@ -191,6 +234,11 @@ RollCleanupValues rollCleanupValues(const PlanValues& values, bool fractionner)
                                            : kSeparationWithoutBridgesMm * 1000.0 / values.Vitcarton;
     r.minHole = values.temps_trou_min;
     r.strike = values.laser ? 0.0 : values.temps_poincon;
+    // The last strike of a note starts one strike before its end, rounded to whole ms (half
+    // away from zero): up to half a ms later, and its end with it. The card after it keeps
+    // its full length.
+    if (!values.laser && r.strike != std::floor(r.strike))
+        r.separation += 0.5;
     if (values.laser && fractionner) {
         r.piece = values.temps_morceau;
         r.bridge = values.temps_pont;

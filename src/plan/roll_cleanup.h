@@ -9,7 +9,10 @@
 //   - a note that starts less than `separation` after the hole before it ends is kept apart
 //     from it: the earlier hole is shortened, down to the minimum length at most; when that
 //     is not enough the later note starts later (its end stays, unless that leaves it under
-//     the minimum). No note is dropped and no two holes of a track touch;
+//     the minimum). No two holes of a track touch. A note is never started more than
+//     maxDelay() later than the song plays it: a repeat that the card cannot separate
+//     within that is joined to the hole before it (the hole runs on to its end), since a
+//     held note is better than a song drifting out of time behind a fast trill;
 //   - no hole is shorter than minHole: a short note is lengthened at its end, and with
 //     bridges the split's last piece of a long note is kept from being a sliver.
 // A punched hole is at least one strike long whatever the note, so the punch's holes run
@@ -47,7 +50,8 @@ struct RollCleanupCounts {
     int separated = 0;   // notes that followed the hole before them too closely, now kept apart
     int delayed = 0;     // of those, the notes that start later
     int lengthened = 0;  // holes lengthened to the minimum
-    bool any() const { return merged + separated + lengthened > 0; }
+    int joined = 0;      // repeats too fast for the card, joined to the hole before them
+    bool any() const { return merged + separated + lengthened + joined > 0; }
     friend bool operator==(const RollCleanupCounts&, const RollCleanupCounts&) = default;
 };
 
@@ -55,13 +59,21 @@ struct RollCleanupCounts {
 // default bridge, so that repeats never run into one slot.
 inline constexpr double kSeparationWithoutBridgesMm = 1.5;
 
+// The most a note's start may move later: one hole at its shortest and the card after it,
+// the least room a separated repeat needs. Beyond it the note joins the hole before.
+inline double maxDelay(const RollCleanupValues& v)
+{
+    return (v.laser ? v.minHole : (v.minHole > v.strike ? v.minHole : v.strike)) + v.separation;
+}
+
 // Cleans the notes in place, track by track. Notes merged into an earlier one leave the
-// list; the others keep their order. Changed times are whole ms (ends of shortened holes
+// list, as do repeats joined to the hole before them; the others keep their order. Changed times are whole ms (ends of shortened holes
 // rounded down, every other changed time up), so the split's rounding keeps the lengths.
 RollCleanupCounts cleanRoll(std::vector<PlanNote>& notes, const RollCleanupValues& values);
 
 // The report's line, "   - Roll cleanup : 3 overlapping notes merged, 12 repeats separated
-// (2 started later), 5 short holes lengthened" (only the counts that are not 0); empty when
+// (2 started later), 4 fast repeats joined to the hole before, 5 short holes lengthened"
+// (only the counts that are not 0); empty when
 // the cleanup changed nothing.
 std::string rollCleanupReport(const RollCleanupCounts& counts);
 

@@ -62,7 +62,9 @@ TEST_F(Startup, CreatesTheDataFoldersWhenMissingWithALogLine)
 TEST_F(Startup, LaserPowerHasACeilingAndTheHeaderFlagMustFitACheckBox)
 {
     for (const auto& [power, header, wantPower, wantHeader] :
-         {std::tuple{"2500", "0", "1000", "0"}, {"-20", "7", "-20", "1"}, {"x", "-1", "x", "1"}}) {
+         {std::tuple{"2500", "0", "1000", "0"}, {"5", " 1.0 ", "5", "1"},
+          // Other text stays as it stands, for the generation to refuse by name.
+          {"-20", "7", "-20", "7"}, {"x", "-1", "x", "-1"}, {"x", "yes", "x", "yes"}}) {
         AppState fresh;
         store.write("Laser_power", power);
         store.write("Gen_entete", header);

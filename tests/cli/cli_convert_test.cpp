@@ -118,9 +118,86 @@ TEST_F(CliConvert, OutAndMarksChooseTheProgramFile)
 
     const ConvertRun marked = convert({song, "--defaults", "--start-mark", "2000", "--end-mark", "3500"});
     ASSERT_EQ(marked.exitCode, 0) << marked.err;
-    EXPECT_EQ(std::count(marked.out.begin(), marked.out.end(), "Gcode writing between marks"), 2);
+    // One report, for the program written between the marks.
+    EXPECT_EQ(std::count(marked.out.begin(), marked.out.end(), "Gcode writing between marks"), 1);
+    EXPECT_EQ(std::count(marked.out.begin(), marked.out.end(), "Ready to punch"), 1);
     EXPECT_EQ(marked.out.back(), (temp() / "valse_between marks.gcode").string());
     EXPECT_EQ(testing::holeYs(readText(marked.out.back())), (std::vector<double>{120, 180}));
+    for (const char* mark : {"--start-mark", "--end-mark"}) {
+        const ConvertRun one = convert({song, "--defaults", mark, "2000"});
+        ASSERT_EQ(one.exitCode, 0) << one.err;
+        EXPECT_EQ(std::count(one.out.begin(), one.out.end(), "Ready to punch"), 1) << mark;
+    }
+
+    // --out "" names no file: refused, not the Temp folder.
+    std::filesystem::remove_all(temp());
+    const ConvertRun empty = convert({song, "--defaults", "--out", ""});
+    EXPECT_EQ(empty.exitCode, 2);
+    EXPECT_NE(empty.err.find("--out \"\": name the program file to write"), std::string::npos) << empty.err;
+    EXPECT_FALSE(std::filesystem::exists(temp() / "valse.gcode"));
+}
+
+// A song with no note of the scale still gives its program, and says it has no hole.
+TEST_F(CliConvert, AProgramWithoutHolesSaysSo)
+{
+    testing::writeFile(song, testing::midiFile({}));
+    const ConvertRun run = convert({song, "--defaults"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(run.has("Warning: No hole to cut: no note of the song lies in the organ scale; the program only "
+                        "moves the machine"));
+    testing::writeFile(dir.path() / "full.mid", testing::midiFile(testing::kFiveNotes));
+    const ConvertRun notes = convert({(dir.path() / "full.mid").string(), "--defaults"});
+    ASSERT_EQ(notes.exitCode, 0) << notes.err;
+    EXPECT_FALSE(std::any_of(notes.out.begin(), notes.out.end(),
+                             [](const std::string& line) { return line.starts_with("Warning: No hole"); }));
+}
+
+// A note past 9999999 ms cannot be written in the 7-digit time fields: decode says so and
+// convert cuts no roll; a note just within is cut.
+TEST_F(CliConvert, SongsPastTheTimeFieldsAreRefused)
+{
+    testing::writeFile(song, testing::midiFile({{0, 200, 60}, {10000000, 10001000, 62}}));
+    const ConvertRun run = convert({song, "--defaults"});
+    EXPECT_EQ(run.exitCode, 2) << run.err;
+    EXPECT_NE(run.err.find("a note plays at 10001000 ms; songs longer than 9999999 ms (about 2 h 46 min) cannot be cut"),
+              std::string::npos)
+        << run.err;
+    EXPECT_FALSE(std::filesystem::exists(temp() / "valse.gcode"));
+    const testing::CliRun decoded = testing::runCli("", {"decode", song});
+    EXPECT_EQ(decoded.exitCode, 1);
+    EXPECT_NE(decoded.err.find("a note plays at 10001000 ms, past the 7-digit time fields"), std::string::npos)
+        << decoded.err;
+
+    testing::writeFile(song, testing::midiFile({{0, 200, 60}, {9998000, 9999000, 62}}));
+    const ConvertRun within = convert({song, "--defaults", "--set", "Vitcarton=1"});
+    EXPECT_EQ(within.exitCode, 0) << within.err;
+}
+
+// Broken numbers of a resume file and the scale it names refuse it; its stray lines are
+// told in the log.
+TEST_F(CliConvert, ABrokenResumeFileIsRefusedNamingTheLine)
+{
+    const auto rep = dir.path() / "valse.mid.rep";
+    const std::pair<std::string, std::string> cases[] = {
+        {song + "\r\nabc\r\n0\r\n7\r\n", "line 2 = \"abc\": the restart time must be a number of 0 ms or more"},
+        {song + "\r\n1e400\r\n0\r\n7\r\n", "line 2 = \"1e400\""},
+        {song + "\r\n-500\r\n0\r\n7\r\n", "line 2 = \"-500\""},
+        {song + "\r\n0\r\nx\r\n7\r\n", "line 3 = \"x\""},
+        {song + "\r\n0\r\n0\r\n7\r\nStandard=NoSuch\r\n", "Standard = \"NoSuch\": no such scale"},
+        {song + "\r\n0\r\n0\r\n7\r\nLgponts=1e400\r\n", "Lgponts = \"1e400\": the bridge length must be a number"},
+        {song + "\r\n0\r\n0\r\n7\r\nGen_entete=yes\r\n", "Gen_entete = \"yes\""},
+    };
+    for (const auto& [text, message] : cases) {
+        testing::writeText(rep, text);
+        const ConvertRun run = convert({rep.string(), "--defaults"});
+        EXPECT_EQ(run.exitCode, 2) << message << "\n" << run.err;
+        EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+        EXPECT_FALSE(run.has("Ready to punch")) << message;
+    }
+    testing::writeText(rep, song + "\r\n0\r\n0\r\n7\r\nnot a setting\r\nVitcarton=60\r\n");
+    const ConvertRun stray = convert({rep.string(), "--defaults"});
+    ASSERT_EQ(stray.exitCode, 0) << stray.err;
+    EXPECT_TRUE(stray.has("Warning: resume file line 5: not a setting (not key=value, skipped)"));
 }
 
 TEST_F(CliConvert, BadUsageAndUnreadableInputExitTwo)
@@ -172,6 +249,12 @@ TEST_F(CliConvert, RefusedSettingsNameTheKeyAndWriteNothing)
          "L_poincon = \"0.01\": L_poincon + Lgponts must be at least 0.06 mm (1 ms of roll)"},
         {{"--set", "Vitcarton=-60"}, "Vitcarton = \"-60\": the roll speed must be a number above 0 (mm/s)"},
         {{"--set", "Fourchette=abc"}, "Fourchette = \"abc\""},
+        {{"--set", "Lgponts=1e400"}, "Lgponts = \"1e400\": the bridge length must be a number of 0 or more (mm)"},
+        {{"--set", "Fourchette=1e400"}, "Fourchette = \"1e400\""},
+        {{"--set", "Gen_entete=yes"}, "Gen_entete = \"yes\": the homing header must be 0 (not written) or 1 (written)"},
+        {{"--set", "Ldecoupe=99999"}, "Ldecoupe = \"99999\": the hole size across the roll must be less than the track spacing"},
+        {{"--machine", "punch", "--set", "MinHoleLength=99999"}, "MinHoleLength = \"99999\": the shortest hole must be at most 20 mm"},
+        {{"--machine", "punch", "--set", "Vitcarton=1e300"}, "Vitcarton = \"1e300\": at this roll speed 1 ms of roll is 1e+297 mm"},
         // Only the song tells: its last hole ends at 4.2 s, at Y 126000 mm.
         {{"--set", "Vitcarton=30000", "--set", "Lgponts=0"}, "Vitcarton = \"30000\": the hole at 4.2 s of the song would lie at Y 126000 mm"},
     };

@@ -353,13 +353,14 @@ TEST(GrblEmulatorMotion, PositionFollowsTheMoveAndFeedHoldStopsIt)
     board.send("~");  // ignored until the hold has stopped the machine
     board.wait(800);  // 8 mm/s at 10 mm/s² stops in 0.8 s, covering 3.2 mm
     EXPECT_EQ(board.status(), "<Hold:0|MPos:11.200,0.000,0.000|FS:0,500>\r\n");
-    EXPECT_EQ(board.send("\rM5\r"), "") << "lines wait while the machine holds";
+    EXPECT_EQ(board.send("\r"), "ok\r\n") << "an empty line is answered even in a hold";
+    EXPECT_EQ(board.send("M5\r\r"), "") << "a line to run waits while the machine holds, and the next behind it";
     board.wait(2000);
     EXPECT_EQ(board.status(), "<Hold:0|MPos:11.200,0.000,0.000|FS:0,500>\r\n");
-    EXPECT_EQ(board.send("~"), "ok\r\n") << "the empty line; M5 waits for the motion to end";
+    EXPECT_EQ(board.send("~"), "") << "M5 waits for the motion to end";
     board.wait(1000);
     EXPECT_EQ(board.status(), "<Run|MPos:19.200,0.000,0.000|FS:480,500>\r\n");
-    EXPECT_EQ(board.wait(1351), "ok\r\n");
+    EXPECT_EQ(board.wait(1351), "ok\r\nok\r\n") << "M5, then the empty line behind it";
     EXPECT_EQ(board.status(), "<Idle|MPos:30.000,0.000,0.000|FS:0,0>\r\n");
 }
 

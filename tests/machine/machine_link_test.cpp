@@ -571,6 +571,16 @@ TEST_F(MachineLinkTest, HangUpLeavesAResumeFileThatRegeneratesEveryHoleNotAcknow
         }
     }
     EXPECT_GT(holes, 0);
+
+    // A restart time past the last hole: nothing to cut, said so, and no empty program.
+    ResumeFile finished = resume.value();
+    finished.restartMs = 1'500'000;  // 25 min: past the song's end
+    ASSERT_TRUE(writeResumeFile(resumePathFor(song.toStdString()), finished).ok());
+    const QString third = dir.filePath("third.gcode");
+    const CliRun nothing = runCli({"convert", song + ".rep", "--defaults", "--out", third}, config());
+    EXPECT_NE(nothing.exitCode, 0);
+    EXPECT_NE(nothing.err.find("Nothing left to cut: "), std::string::npos) << nothing.err;
+    EXPECT_FALSE(QFile::exists(third));
 }
 
 TEST_F(MachineLinkTest, CliConsoleAnswersEachCommandThenEndsWithItsInput)
@@ -666,10 +676,18 @@ TEST_F(MachineLinkTest, CliStreamOnErrorContinuesOrStopsAndWithoutATerminalStops
         EXPECT_NE(run.err.find(c.decision), std::string::npos) << run.err;
         EXPECT_NE(run.out.find(c.exitCode == 0 ? "End of punch\n" : "Punch cancelled\n"), std::string::npos);
         const auto resume = readResumeFile(resumePathFor(song.toStdString()));
-        ASSERT_TRUE(resume.ok());
         if (c.exitCode == 0) {
             EXPECT_EQ(record(), sentLines(program)) << "every line sent once, the refused one included";
+            EXPECT_FALSE(resume.ok()) << "a finished job leaves nothing to resume";
+            EXPECT_NE(run.out.find("Resume file removed, the job is finished: " + resumePathFor(song.toStdString())),
+                      std::string::npos)
+                << run.out;
         } else {
+            ASSERT_TRUE(resume.ok());
+            EXPECT_NE(run.out.find("Resume file: " + resumePathFor(song.toStdString()) + " \u2014 open it"),
+                      std::string::npos)
+                << run.out;
+            EXPECT_EQ(run.out.find("Hit Continue"), std::string::npos) << "no terminal: nobody hits Continue";
             EXPECT_EQ(resume->restartLine, 11) << "the line after the refused one";
             EXPECT_EQ(record().back(), "M5");
         }
@@ -723,6 +741,7 @@ TEST_F(MachineLinkTest, PortThatCannotBeUsedSaysWhy)
             EXPECT_EQ(run.exitCode, 1);
             const std::string expected = "cannot open the port " + c.port.toStdString() + ": " + c.reason;
             EXPECT_NE(run.err.find(expected), std::string::npos) << run.err;
+            EXPECT_EQ(run.out.find(c.reason), std::string::npos) << "said once, on stderr: " << run.out;
         }
     }
     // Without write access the port is no longer "busy" but forbidden.
@@ -730,6 +749,24 @@ TEST_F(MachineLinkTest, PortThatCannotBeUsedSaysWhy)
               "permission denied (on Linux, add your user to the dialout group and log in again)");
     EXPECT_EQ(MachinePort::openFailureReason(true, true, true, QSerialPort::UnknownError, "Inappropriate ioctl for device"),
               "it is not a serial port");
+}
+
+TEST_F(MachineLinkTest, CliConsoleSendsRealTimeCharactersAtOnceAndSaysWhenTheBoardIsGone)
+{
+    startEmulator({"--factory-settings"});
+    const CliRun run = runCli({"console", "--port", emulator->portPath(), "--defaults"}, config(), "!\n?\n~\n$G\n");
+    EXPECT_EQ(run.exitCode, 0) << run.out;
+    EXPECT_NE(run.out.find("!\n?\n~\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("\n<Hold:"), std::string::npos) << "the typed \"?\" shows its report: " << run.out;
+    EXPECT_NE(run.out.find("[GC:G0 "), std::string::npos) << run.out;
+    EXPECT_EQ(record(), std::vector<std::string>{"$G"}) << "no line end after a real-time byte";
+    emulator.reset();
+
+    startEmulator({"--factory-settings", "--hangup-after", "1"});
+    const CliRun gone = runCli({"console", "--port", emulator->portPath(), "--defaults"}, config(), "$I\n$G\n");
+    EXPECT_EQ(gone.exitCode, 1);
+    EXPECT_NE(gone.out.find("Port closed: " + emulator->portPath().toStdString() + " is gone"), std::string::npos)
+        << gone.out;
 }
 
 TEST_F(MachineLinkTest, CliConsoleGivesUpOnASilentControllerAndGetsPastALimitAlarmWithCtrlX)

@@ -223,7 +223,11 @@ TEST_P(ResumeSweep, ResumedProgramAndCutHolesCoverTheWholeRoll)
                 break;  // nothing more: the last resume file written stays
             }
             grbl.carryOut(points);
-            ASSERT_FALSE(points.empty());
+            if (points.empty()) {
+                // Nothing of this job acknowledged: whatever resume file there was is left alone.
+                EXPECT_EQ(job.okCount(), 0u);
+                continue;
+            }
             const ResumePoint& last = points.back();
             ASSERT_TRUE(writeResumeFile(resumePathFor(songPath),
                                         {last.songPath, last.restartMs, last.restartLine, last.Fourchette, last.settings})

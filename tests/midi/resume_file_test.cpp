@@ -23,18 +23,62 @@ TEST(ResumeFile, WritesFourCrLfLinesAtomicallyAndReadsThemBack)
     EXPECT_DOUBLE_EQ(read->restartMs, 12345.5);
     EXPECT_EQ(read->restartLine, 418);
 
-    // Bare LF line ends; blanks of the path and of Fourchette are kept.
-    testing::writeText(path, "/my songs/b c.mid\n2500\nx\n 12 mm\nextra\n");
-    read = readResumeFile(path);
+    // Bare LF line ends; blanks of the path and of Fourchette are kept; a line that is not
+    // key=value is skipped and listed.
+    testing::writeText(path, "/my songs/b c.mid\n2500\n0\n 12 \nextra\nVitcarton=80\n\n");
+    std::vector<std::string> skipped;
+    read = readResumeFile(path, &skipped);
     ASSERT_TRUE(read.ok());
-    EXPECT_EQ(read->songPath + "|" + read->Fourchette, "/my songs/b c.mid| 12 mm");
+    EXPECT_EQ(read->songPath + "|" + read->Fourchette, "/my songs/b c.mid| 12 ");
     EXPECT_DOUBLE_EQ(read->restartMs, 2500);
     EXPECT_EQ(read->restartLine, 0);
+    EXPECT_EQ(skipped, std::vector<std::string>{"line 5: extra"});
+    EXPECT_EQ(read->settings, (SettingList{{"Vitcarton", "80"}}));
 
     EXPECT_TRUE(isResumePath(path));
     for (const char* other : {"/songs/valse.mid.REP", "/songs/valse.mid.Rep", "ep"})
         EXPECT_FALSE(isResumePath(other)) << other;
     EXPECT_EQ(resumePathFor("/songs/a.mid"), "/songs/a.mid.rep");
+}
+
+// A broken number on line 2, 3 or 4 refuses the file, naming the line: read as 0 it would
+// cut the whole roll again.
+TEST(ResumeFile, BrokenNumbersAreRefusedNamingTheLine)
+{
+    struct Case {
+        const char* restart;
+        const char* line;
+        const char* band;
+        const char* named;  // empty: accepted
+    };
+    const Case cases[] = {
+        {"2500", "41", "9", ""},
+        {" 0 ", "0", "0", ""},
+        {"abc", "41", "9", "line 2 = \"abc\": the restart time must be a number of 0 ms or more"},
+        {"-500", "41", "9", "line 2 = \"-500\""},
+        {"1e400", "41", "9", "line 2 = \"1e400\""},
+        {"nan", "41", "9", "line 2 = \"nan\""},
+        {"", "41", "9", "line 2 = \"\""},
+        {"2500", "x", "9", "line 3 = \"x\": the program line to restart from must be a whole number of 0 or more"},
+        {"2500", "-1", "9", "line 3 = \"-1\""},
+        {"2500", "4.5", "9", "line 3 = \"4.5\""},
+        {"2500", "41", "wide", "line 4 = \"wide\": the band width Fourchette must be a number of 0 or more (mm)"},
+        {"2500", "41", "1e400", "line 4 = \"1e400\""},
+    };
+    testing::TempDir dir;
+    const std::string path = (dir.path() / "valse.mid.rep").string();
+    for (const Case& c : cases) {
+        testing::writeText(path, std::string("/songs/valse.mid\r\n") + c.restart + "\r\n" + c.line + "\r\n" +
+                                     c.band + "\r\n");
+        const auto read = readResumeFile(path);
+        if (std::string(c.named).empty()) {
+            EXPECT_TRUE(read.ok()) << c.restart << " " << c.line << " " << c.band << ": " << read.detail();
+            continue;
+        }
+        ASSERT_FALSE(read.ok()) << c.named;
+        EXPECT_EQ(read.error(), ResumeFileError::BadLine) << c.named;
+        EXPECT_EQ(read.detail().find(path + ": " + c.named), 0u) << read.detail();
+    }
 }
 
 TEST(ResumeFile, SettingsFollowTheFourLinesAndTheSongPathIsMadeAbsolute)

@@ -79,12 +79,34 @@ TEST_F(GenerationChecks, EachRefusedSettingIsNamedWithItsValueAndNothingIsWritte
         // Sizes whose numbers would put the program beyond the machine or Grbl's line.
         {"Laser", "Talon", "1e150", PlanError::SettingRefused, "Talon = \"1e150\": track 0 would lie at X 1e+150 mm; coordinates must stay within +-99999 mm"},
         {"Laser", "Dist_notes", "60000", PlanError::SettingRefused, "Dist_notes = \"60000\": track 2 would lie at X 120004.8 mm"},
-        {"Laser", "Vitcarton", "5000", PlanError::SettingRefused, "Vitcarton = \"5000\": the hole at 20.6 s of the song would lie at Y 103000 mm"},
+        {"Laser", "Vitcarton", "5000", PlanError::SettingRefused, "Vitcarton = \"5000\": the hole at 20.6 s of the song would lie at Y 103000 mm", "Lgponts", "0"},
         {"Punch", "L_poincon", "300000", PlanError::SettingRefused, "L_poincon = \"300000\": strikes would lie beyond Y 150000 mm"},
         {"Laser", "OrigineX", "100000", PlanError::SettingRefused, "OrigineX = \"100000\": the header would set X to 100000 mm"},
         {"Laser", "OrigineX", "1e-80", PlanError::SettingRefused, "OrigineX = \"1e-80\": the program would hold lines of 91 characters; Grbl takes at most 79"},
         {"Laser", "Fourchette", "7", PlanError::SettingRefused, "Fourchette = \"7\": at a roll speed of 1e-6 mm/s, at most 1 mm (1000000000 ms of roll) is allowed", "Vitcarton", "1e-6"},
-        {"Laser", "MinHoleLength", "700000", PlanError::SettingRefused, "MinHoleLength = \"700000\": at a roll speed of 60 mm/s, at most 599999.94 mm (9999999 ms of roll) is allowed"},
+        {"Laser", "MinHoleLength", "700000", PlanError::SettingRefused, "MinHoleLength = \"700000\": the shortest hole must be at most 20 mm"},
+        {"Punch", "MinHoleLength", "20.5", PlanError::SettingRefused, "MinHoleLength = \"20.5\": the shortest hole must be at most 20 mm"},
+        // Numbers too large for a double are no numbers, wherever they are read.
+        {"Laser", "Lgponts", "1e400", PlanError::SettingRefused, "Lgponts = \"1e400\": the bridge length must be a number of 0 or more"},
+        {"Punch", "OrigineX_poin", "1e400", PlanError::SettingRefused, "OrigineX_poin = \"1e400\": the distance from the homing point"},
+        {"Laser", "Talon", "-1e400", PlanError::SettingRefused, "Talon = \"-1e400\": the distance from the roll border"},
+        {"Laser", "Fourchette", "1e400", PlanError::SettingRefused, "Fourchette = \"1e400\": the band width of the travel order must be a number"},
+        {"Laser", "MinHoleLength", "1e400", PlanError::SettingRefused, "MinHoleLength = \"1e400\": the shortest hole must be a number"},
+        {"Laser", "RollCleanup", "1e400", PlanError::SettingRefused, "RollCleanup = \"1e400\": the roll cleanup must be 0 (off) or 1 (on)"},
+        {"Laser", "duree_metre_laser", "1e400", PlanError::SettingRefused, "duree_metre_laser = \"1e400\""},
+        {"Punch", "duree_trou_poincon", "1e400", PlanError::SettingRefused, "duree_trou_poincon = \"1e400\""},
+        {"Laser", "Gen_entete", "yes", PlanError::SettingRefused, "Gen_entete = \"yes\": the homing header must be 0 (not written) or 1"},
+        // Bridges and pieces too thin to hold or to lay out in whole ms.
+        {"Laser", "Lgponts", "0.02", PlanError::SettingRefused, "Lgponts = \"0.02\": a bridge must be 0 or at least 0.1 mm"},
+        {"Punch", "Lgponts", "0.01", PlanError::SettingRefused, "Lgponts = \"0.01\": the gap between strikes must be 0 or at least 0.1 mm"},
+        {"Laser", "Dist_ponts", "0.016", PlanError::SettingRefused, "Dist_ponts = \"0.016\": the distance between bridges must be at least 1 mm"},
+        {"Laser", "Vitcarton", "200", PlanError::SplitTooFine, "Vitcarton = \"200\": at this roll speed 1 ms of roll is 0.2 mm, more than Lgponts (0.15 mm)", "Lgponts", "0.15"},
+        {"Punch", "Vitcarton", "5000", PlanError::SplitTooFine, "Vitcarton = \"5000\": at this roll speed 1 ms of roll is 5 mm, more than L_poincon + Lgponts (4.5 mm)"},
+        {"Punch", "Vitcarton", "1e300", PlanError::SplitTooFine, "Vitcarton = \"1e300\": at this roll speed 1 ms of roll is 1e+297 mm"},
+        // Holes that touch their neighbours or leave the roll.
+        {"Laser", "Ldecoupe", "99999", PlanError::SettingRefused, "Ldecoupe = \"99999\": the hole size across the roll must be less than the track spacing Dist_notes (4.2 mm)"},
+        {"Punch", "Ldecoupe", "4.2", PlanError::SettingRefused, "Ldecoupe = \"4.2\": the hole size across the roll must be less than the track spacing"},
+        {"Laser", "Talon", "0", PlanError::SettingRefused, "Talon = \"0\": the first holes would start at X -1.5 mm, past the roll border: Talon must be at least 1.5 mm"},
         {"Laser", "Laser_power", "1000.00000000000000000000000000000000000000000000000000000000000000000000000000000", PlanError::SettingRefused, "the program would hold lines of 85 characters"},
     };
     for (const Refused& c : cases) {
@@ -112,7 +134,8 @@ TEST_F(GenerationChecks, OddValuesThatGrblReadsWellStillMakeAProgram)
     };
     const Accepted cases[] = {
         {"laser", "VitesseF", " 1200.5 "}, {"LASER", "Laser_power", "750.0"}, {"Laser", "Laser_power", "0"},
-        {"Laser", "VitesseF", "1e3"},      {"Laser", "Lgponts", "0"},         {"Laser", "Talon", "0"},
+        {"Laser", "VitesseF", "1e3"},      {"Laser", "Lgponts", "0"},         {"Punch", "Talon", "0"},
+        {"Laser", "Talon", "1.5"},         {"Laser", "Lgponts", "0.1"},       {"Laser", "MinHoleLength", "20"},
         {"Laser", "OrigineX", "0"},        {"Laser", "Fourchette", "0"},      {"PUNCH", "L_poincon", "2.2"},
         {"punch", "Dist_ponts", "0"},      {"Laser", "Laser_mode", "M4"},     {"Laser", "Gen_entete", "0"},
         {"Punch", "Laser_power", "abc"},   {"Laser", "L_poincon", "0"},       {"Laser", "BassesAF", "0"},
@@ -138,10 +161,43 @@ TEST_F(GenerationChecks, OddValuesThatGrblReadsWellStillMakeAProgram)
     }
 }
 
+// The 20-note scale's bass holes: BassesAF wide, 1.5 spacings apart, the last one spacing
+// from the first treble hole, the first one centred on Talon.
+TEST(SettingChecks, BassHolesOfTheTwentyNoteScaleMustNotTouch)
+{
+    struct Case {
+        const char* BassesAF;
+        const char* Talon;
+        const char* message;  // empty: accepted
+    };
+    const Case cases[] = {
+        {"4", "10", ""},
+        {"7.9", "10", ""},  // (7.9 + 4) / 2 < 6
+        {"8", "10", "BassesAF = \"8\": the bass holes must be less than 1.5 track spacings wide"},
+        {"9", "10", "BassesAF = \"9\""},
+        {"4", "2", ""},
+        {"4", "1.9", "Talon = \"1.9\": the first holes would start at X -0.1 mm, past the roll border: Talon must be at least 2 mm"},
+    };
+    OrganScale scale;
+    scale.standard_AF_actif = true;
+    for (const Case& c : cases) {
+        Settings s;
+        s.Ldecoupe = "4", s.Dist_notes = "6", s.BassesAF = c.BassesAF, s.Talon = c.Talon;
+        const auto checked = checkGenerationSettings(s, scale);
+        if (std::string(c.message).empty()) {
+            EXPECT_TRUE(checked.ok()) << c.BassesAF << " " << c.Talon << ": " << checked.detail();
+        } else {
+            ASSERT_FALSE(checked.ok()) << c.BassesAF << " " << c.Talon;
+            EXPECT_EQ(checked.detail().find(c.message), 0u) << checked.detail();
+        }
+    }
+}
+
 TEST_F(GenerationChecks, OnlyTheHolesBetweenTheMarksMustFitTheMachine)
 {
     // At 5000 mm/s the note at 20 s lies at Y 100000 mm; an end mark before it leaves it out.
     state.settings.Vitcarton = "5000";
+    state.settings.Lgponts = "0";  // a bridge under 1 ms of roll would be refused
     ASSERT_FALSE(Genere_GCode(state, false, false).ok());
     state.fin_marque = 10000;
     const auto written = Genere_GCode(state, false, false);

@@ -40,6 +40,7 @@ class Decoder:
     def __init__(self, data, path, forced_bpm=0, sustain=False):
         self.data, self.path, self.forced_bpm, self.sustain = data, path, forced_bpm, sustain
         self.lines = []
+        self.latest_note = 0
         self.pos = self.event_pos = 0
         self.max_end = f32(0.0)
         self.numerator, self.denominator = 4, 4
@@ -95,6 +96,7 @@ class Decoder:
             field(start_ms, 7), field(end_tick, 6), field(ch, 5), field(n, 5), field(end_ms - start_ms, 5),
             field(velocity, 5), NOTE_NAMES[n % 12], abs(n // 12 - 2)))
         self.lines.append("NOOF %s %s %s" % (field(end_ms, 7), field(end_tick, 6), field(ch, 5)))
+        self.latest_note = max(self.latest_note, start_ms, end_ms)
         if end_ms > self.max_end:
             self.max_end = f32(end_ms)
 
@@ -223,6 +225,10 @@ def decode(data, path, forced_bpm=0, sustain=False):
     try:
         dec.run()
         rc, err = 0, ""
+        if dec.latest_note > 9999999:
+            rc = 1
+            err = ("veltrin-cli decode: a note plays at %d ms, past the 7-digit time fields (9999999 ms, about "
+                   "2 h 46 min): the times of the lines after it are wrong\n" % dec.latest_note)
     except DecodeError as error:
         rc, err = 1, error.message + "\n"
     return rc, "".join(line + "\n" for line in dec.lines).encode("latin-1"), err.encode("latin-1")

@@ -297,21 +297,24 @@ class Converter:
         tf = self.temps_fourchette(val(fourchette))
         log.append("Travel optimizing " + fourchette + "(Width : %d)" % tf)
         program, t = self.generate(fourchette)
-        log += self.report(t)
         between = None
-        smark, emark = 0.0, UNSET_END
-        # each mark set writes the program between the marks again (start mark first)
-        for which, value in (("start", start_mark), ("end", end_mark)):
-            if value is None:
-                continue
-            if which == "start":
-                smark = value
-            else:
-                emark = value
-            log.append("Gcode writing between marks")
-            between, t = self.write(self.finale, smark, emark)
-            log += self.report(t, smark, emark)
+        if start_mark is None and end_mark is None:
+            log += self.report(t) + self.no_hole(t)
+            return log, program, between
+        # with a mark, only the program between the marks is reported (both marks: written once)
+        smark = start_mark if start_mark is not None else 0.0
+        emark = end_mark if end_mark is not None else UNSET_END
+        log.append("Gcode writing between marks")
+        between, t = self.write(self.finale, smark, emark)
+        log += self.report(t, smark, emark) + self.no_hole(t, smark > 0 or emark != UNSET_END)
         return log, program, between
+
+    @staticmethod
+    def no_hole(t, between_marks=False):
+        if t["last_y1"] is not None:
+            return []
+        return ["Warning: No hole to cut: no note of the song " + ("between the marks " if between_marks else "") +
+                "lies in the organ scale; the program only moves the machine"]
 
 
 def main(argv):
