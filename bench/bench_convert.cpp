@@ -26,7 +26,7 @@
 namespace {
 
 constexpr int kNoteCount = 20000;
-constexpr int kVoices = 4;
+constexpr int kVoices = 16;
 constexpr int kTicksPerQuarter = 480;
 
 void putVariableLength(std::vector<std::uint8_t>& out, std::uint32_t value)
