@@ -997,7 +997,28 @@ std::string GrblEmulator::statusReport() const
     double feed = 0;
     if (motionActive() && !m_planner.empty())
         feed = m_planner.front().feed * (m_state == State::Hold ? 0.5 : 1.0);
-    report += "|FS:" + wholeText(feed) + "," + wholeText(m_spindleOn ? m_spindleS : 0) + ">";
+    report += "|FS:" + wholeText(feed) + "," + wholeText(m_spindleOn ? m_spindleS : 0);
+    // Grbl gives its work coordinate offset every 30th report while moving, every 10th while
+    // idle, and in the next report after the offset changed. A zero offset that never changed
+    // is left out here, so that the reports of a board without offsets stay short.
+    const bool changed = m_g92Offset != m_wcoReported;
+    const bool anyOffset = m_g92Offset != Vec3{};
+    const bool due = m_wcoCountdown == 0;
+    if (!due)
+        --m_wcoCountdown;
+    if (changed || (anyOffset && due)) {
+        m_wcoCountdown = (m_state == State::Idle || m_state == State::Alarm ? 10 : 30) - 1;
+        m_wcoReported = m_g92Offset;
+        report += "|WCO:";
+        for (int axis = 0; axis < 3; ++axis) {
+            double value = m_g92Offset[axis];
+            if (value == 0)
+                value = 0;
+            report += fixedText(value, 3);
+            report += axis < 2 ? "," : "";
+        }
+    }
+    report += ">";
     return report;
 }
 

@@ -212,6 +212,9 @@ private:
     // Parser state (gc_state).
     Vec3 m_gcPosition{};  // where the last queued block ends
     Vec3 m_g92Offset{};
+    // Status reports until the next one repeats "WCO:", and the offset it last gave.
+    mutable int m_wcoCountdown = 0;
+    mutable Vec3 m_wcoReported{};
     bool m_relative = false;
     bool m_inches = false;
     int m_motion = 0;

@@ -111,6 +111,19 @@ TEST(GrblEmulatorLines, CleansLinesAndAnswersEachOnce)
     EXPECT_EQ(board.grbl().linesReceived(), 7);
 }
 
+// A sender finds the head on the roll from MPos less the work offset, which Grbl only gives
+// now and then: at once after a change, then every 10th report while idle.
+TEST(GrblEmulatorLines, StatusGivesTheWorkOffsetAfterAChangeThenEveryTenthIdleReport)
+{
+    Board board(options());
+    board.send("G0 X7\r");
+    board.send("G92 X5\r");
+    EXPECT_EQ(board.status(), "<Idle|MPos:7.000,0.000,0.000|FS:0,0|WCO:2.000,0.000,0.000>\r\n");
+    for (int report = 1; report < 10; ++report)
+        EXPECT_EQ(board.status().find("WCO"), std::string::npos) << report;
+    EXPECT_NE(board.status().find("|WCO:2.000,0.000,0.000>"), std::string::npos);
+}
+
 TEST(GrblEmulatorLines, BadLinesGetGrblsErrorCodes)
 {
     const std::string line79 = "G0X1." + std::string(74, '0');
