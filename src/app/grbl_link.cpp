@@ -451,6 +451,14 @@ void GrblLink::onBytes(std::string_view bytes)
         onLine(line);
 }
 
+std::optional<std::pair<double, double>> GrblLink::workPositionXY() const
+{
+    if (!m_status.known)
+        return std::nullopt;
+    return std::make_pair(m_status.machinePosition[0] - m_workOffset[0],
+                          m_status.machinePosition[1] - m_workOffset[1]);
+}
+
 void GrblLink::statusLine(std::string_view line)
 {
     m_statusAskedMs.reset();

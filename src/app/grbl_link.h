@@ -127,6 +127,9 @@ public:
     bool controllerDeaf() const { return m_critical; }
 
     const MachineStatus& status() const { return m_status; }
+    // The head in work coordinates (the program's: X across the roll, Y along it), from the
+    // last status report and the last work offset Grbl reported; nullopt before a report.
+    std::optional<std::pair<double, double>> workPositionXY() const;
     // One line for a progress display: state, machine position, line k of n, time left.
     std::string progressLine() const;
 

@@ -320,7 +320,8 @@ void JobStreamer::checkLine(const Reply& reply, std::string_view line)
         }
         if (*m_laserMode == 0) {
             notStarted("Laser mode is off ($32=0): Grbl would keep the beam on during G0 travel and burn "
-                       "lines across the roll. Send $32=1 to turn it on. Punch not started");
+                       "lines across the roll. Send $32=1 to turn it on. Punch not started",
+                       true);
             return;
         }
     }
@@ -328,8 +329,10 @@ void JobStreamer::checkLine(const Reply& reply, std::string_view line)
     sendNext();
 }
 
-void JobStreamer::notStarted(std::string_view why)
+void JobStreamer::notStarted(std::string_view why, bool laserModeOff)
 {
+    m_notStartedWhy = std::string(why);
+    m_laserModeOff = laserModeOff;
     m_log->line(why);
     finish(JobOutcome::NotStarted);
 }
@@ -353,6 +356,7 @@ void JobStreamer::hold(std::string_view why, HoldReason reason)
     m_phase = Phase::Held;
     m_holdReason = reason;
     ++m_holdCount;
+    m_holdMessage = std::string(why);
     m_pauseWanted = true;
     m_log->line(why);
     if (m_continuePrompt)
@@ -504,6 +508,9 @@ void JobStreamer::finish(JobOutcome outcome)
         m_log->line("Port closed: punch interrupted at line " + std::to_string(m_next + 1));
         break;
     case JobOutcome::NotStarted:
+        ended.why = m_notStartedWhy;
+        ended.laserModeOff = m_laserModeOff;
+        m_laserModeOff = false;
         break;
     }
     if (outcome == JobOutcome::EndOfPunch && m_phase == Phase::Draining && m_resumeArmed &&

@@ -79,6 +79,10 @@ struct JobEnded {
     // A line sent by the job is still unanswered (a Stop that gave up waiting for the "M5"
     // answer): its response, should it come, belongs to nobody.
     bool answerOwed = false;
+    // NotStarted: why, as logged; laserModeOff when the only fault is Grbl's $32=0, which the
+    // operator may turn on and start again.
+    std::string why;
+    bool laserModeOff = false;
 };
 using JobAction = std::variant<WriteBytes, ResumePoint, ResumeFinished, JobEnded>;
 
@@ -144,6 +148,8 @@ public:
     HoldReason holdReason() const { return m_phase == Phase::Held ? m_holdReason : HoldReason::None; }
     // Counts the holds since start(), so that a front end asks once per hold.
     int holdCount() const { return m_holdCount; }
+    // Why the job is held, as logged (the code's meaning included).
+    const std::string& holdMessage() const { return m_holdMessage; }
     // The job waits on the controller (a line in flight or to come): the watchdog applies.
     bool streaming() const
     {
@@ -168,7 +174,7 @@ private:
     void answered(const Reply& reply, std::string_view line);
     void hold(std::string_view why, HoldReason reason);
     void checkLine(const Reply& reply, std::string_view line);
-    void notStarted(std::string_view why);
+    void notStarted(std::string_view why, bool laserModeOff = false);
     void finish(JobOutcome outcome);
     void sendStopM5();
     void prepareHoles();
@@ -186,6 +192,9 @@ private:
     bool m_waitBannerForStop = false;
     HoldReason m_holdReason = HoldReason::None;
     int m_holdCount = 0;
+    std::string m_holdMessage;
+    std::string m_notStartedWhy;
+    bool m_laserModeOff = false;
     // Checks between the welcome text and the first line: "$I" (an emulator's speed factor),
     // then for a laser "$$" (laser mode $32).
     std::int64_t m_bannerWaitMs = kBannerWaitMs;
