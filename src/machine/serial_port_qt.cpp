@@ -36,7 +36,7 @@ MachinePort::MachinePort(AppState& state, QObject* parent)
 MachinePort::~MachinePort()
 {
     if (m_port.isOpen())
-        m_port.close();
+        closeAndUnlock();
 }
 
 QString MachinePort::systemName(const QString& field)
@@ -93,10 +93,16 @@ QString MachinePort::openFailureReason(bool exists, bool isCharacterDevice, bool
     return errorText.isEmpty() ? QStringLiteral("it cannot be opened") : errorText;
 }
 
+void MachinePort::closeAndUnlock()
+{
+    m_port.close();
+    m_lock.release();
+}
+
 bool MachinePort::openOnly(const QString& field)
 {
     if (m_port.isOpen())
-        m_port.close();
+        closeAndUnlock();
     m_openError.clear();
     const QString name = systemName(field);
     if (name.isEmpty()) {
@@ -111,9 +117,14 @@ bool MachinePort::openOnly(const QString& field)
         if (info.isSymLink())
             location = info.canonicalFilePath();
     }
+    if (!m_lock.acquire(location)) {
+        m_openError = QStringLiteral("it is in use by %1: one Veltrin per machine").arg(m_lock.holder());
+        return false;
+    }
     m_port.setPortName(location);
     parametres_port();
     if (!m_port.open(QIODevice::ReadWrite)) {
+        m_lock.release();
 #ifdef Q_OS_WIN
         const bool exists = m_port.error() != QSerialPort::DeviceNotFoundError;
         const bool isCharacterDevice = true;
@@ -166,7 +177,7 @@ bool MachinePort::punch(JobProgram program)
 void MachinePort::closePort()
 {
     if (m_port.isOpen())
-        m_port.close();
+        closeAndUnlock();
     m_link.setPortOpen(false);
     carryOut();
     emit stateChanged();
@@ -288,7 +299,7 @@ void MachinePort::carryOut()
                         m_state->settings.AdressePort = m_portName.toStdString();
                         emit scanFinished(true);
                     } else {
-                        m_port.close();
+                        closeAndUnlock();
                         m_link.setPortOpen(false);
                         QTimer::singleShot(20, this, &MachinePort::scanNext);
                     }
@@ -300,6 +311,8 @@ void MachinePort::carryOut()
                 emit commandFinished(QString::fromStdString(c->command), QString::fromStdString(c->reply));
             } else if (auto* e = std::get_if<JobEnded>(&action)) {
                 emit jobEnded(e->outcome);
+                if (e->outcome == JobOutcome::NotStarted)
+                    emit jobRefused(QString::fromStdString(e->why), e->laserModeOff);
             }
         }
     }

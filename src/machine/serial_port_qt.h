@@ -18,6 +18,7 @@
 #include <functional>
 
 #include "app/grbl_link.h"
+#include "machine/port_lock_qt.h"
 
 namespace veltrin {
 
@@ -70,6 +71,9 @@ signals:
     void detectionFinished(bool grblFound);
     void commandFinished(const QString& command, const QString& reply);
     void jobEnded(veltrin::JobOutcome outcome);
+    // The checks after the soft reset refused the job (why, as logged); laserModeOff: the one
+    // fault is Grbl's $32=0.
+    void jobRefused(const QString& why, bool laserModeOff);
     // Connection, progress or flags changed: a good moment to refresh the view of the state.
     void stateChanged();
     void scanFinished(bool found);
@@ -81,6 +85,7 @@ private:
     void watchPorts();
     void scanNext();
     void parametres_port();
+    void closeAndUnlock();
     bool openOnly(const QString& field);
     static QString systemName(const QString& field);
     static QString systemLocation(const QString& name);
@@ -88,6 +93,7 @@ private:
     AppState* m_state;
     GrblLink m_link;
     QSerialPort m_port;
+    PortLock m_lock;
     QString m_portName;
     QString m_openError;
     QTimer m_tick;

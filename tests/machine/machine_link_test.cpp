@@ -751,6 +751,26 @@ TEST_F(MachineLinkTest, PortThatCannotBeUsedSaysWhy)
               "it is not a serial port");
 }
 
+// Two windows (or a window and the command line) on one board would interleave their lines.
+TEST_F(MachineLinkTest, OnePortOneVeltrinAndTheLockGoesWithThePort)
+{
+    startEmulator({});
+    ASSERT_TRUE(port->openPort(emulator->portPath()));
+    const QString program = dir.filePath("song.gcode");
+    writeLines(program, laserProgram(1));
+    const CliRun run = runCli({"stream", program, "--port", emulator->portPath(), "--defaults"}, config());
+    EXPECT_EQ(run.exitCode, 1);
+    const std::string pid = std::to_string(QCoreApplication::applicationPid());
+    EXPECT_NE(run.err.find("it is in use by another"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("(process " + pid + "): one Veltrin per machine"), std::string::npos) << run.err;
+
+    AppState other;
+    MachinePort second(other);
+    EXPECT_FALSE(second.openPort(emulator->portPath()));
+    port->closePort();
+    EXPECT_TRUE(second.openPort(emulator->portPath())) << second.openError().toStdString();
+}
+
 TEST_F(MachineLinkTest, CliConsoleSendsRealTimeCharactersAtOnceAndSaysWhenTheBoardIsGone)
 {
     startEmulator({"--factory-settings"});
