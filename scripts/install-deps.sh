@@ -14,8 +14,8 @@ packages=(
   librtmidi-dev libfluidsynth-dev fluid-soundfont-gm
   # command line parsing
   libcli11-dev
-  # windows without a display, for tests and screenshots
-  xvfb xauth
+  # windows without a display, for tests and screenshots, and a font to draw their text
+  xvfb xauth fonts-dejavu-core
   # the C MIDI reader the benchmarks compare against
   midicsv
   # the reference checkers of the decoder and of the programs' holes
