@@ -32,7 +32,9 @@ const SettingMeaning* settingMeaning(std::string_view key)
         {"duree_metre_laser", "s/mm", "learned laser time per mm of cut and travel (999 = not measured yet)"},
         {"RollCleanup", "0/1", "1 = merge overlapping notes of a track, keep a bridge between notes (joining repeats too fast for it) and lengthen holes shorter than MinHoleLength, before the split"},
         {"MinHoleLength", "mm", "shortest hole the cleanup leaves along the roll (at most 20)"},
-        {"Channels", "", "MIDI channels placed on the roll, e.g. 1-9,11-16"},
+        {"longueur_point", "mm", "length of each dash burnt across a fold line"},
+        {"Transpose", "semitones", "shift of every note before it is placed on a track (-24 to 24), or auto for the shift that loses fewest notes"},
+        {"Channels", "", "MIDI channels placed on the roll, e.g. 1-9,11-16 (channel 10 is General MIDI percussion)"},
     };
     for (const SettingMeaning& entry : kMeanings) {
         if (entry.key == key)

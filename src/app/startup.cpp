@@ -118,6 +118,9 @@ void Form_Load(AppState& state, SettingsStore& store, const StartupFolders& fold
     // The roll cleanup before the split.
     loadSetting(store, "RollCleanup", settings.RollCleanup);
     loadSetting(store, "MinHoleLength", settings.MinHoleLength);
+    loadSetting(store, "longueur_point", settings.longueur_point);
+    loadSetting(store, "Transpose", settings.Transpose);
+    loadSetting(store, "Channels", settings.Channels);
 
     // 11. to 14.
     if (hooks.paintRoll)
@@ -158,6 +161,9 @@ void quitter_Click(AppState& state, SettingsStore& store, const ShutdownHooks& h
     store.write("duree_metre_laser", settings.duree_metre_laser);
     store.write("RollCleanup", settings.RollCleanup);
     store.write("MinHoleLength", settings.MinHoleLength);
+    store.write("longueur_point", settings.longueur_point);
+    store.write("Transpose", settings.Transpose);
+    store.write("Channels", settings.Channels);
 
     // 4. to 6.
     if (hooks.closeMidi)

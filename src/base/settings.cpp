@@ -39,6 +39,9 @@ const std::vector<SettingKey>& settingKeys()
         {"duree_metre_laser", "999"},
         {"RollCleanup", "1"},
         {"MinHoleLength", "3"},
+        {"longueur_point", "2"},
+        {"Transpose", "0"},
+        {"Channels", "1-9,11-16"},
     };
     return keys;
 }
@@ -91,6 +94,9 @@ std::string* settingField(Settings& settings, std::string_view key)
         {"duree_metre_laser", &Settings::duree_metre_laser},
         {"RollCleanup", &Settings::RollCleanup},
         {"MinHoleLength", &Settings::MinHoleLength},
+        {"longueur_point", &Settings::longueur_point},
+        {"Transpose", &Settings::Transpose},
+        {"Channels", &Settings::Channels},
     };
     for (const FieldOf& entry : fields) {
         if (entry.key == key)

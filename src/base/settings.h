@@ -57,6 +57,14 @@ struct Settings {
     // 50 ms the split keeps for a note's last piece, and it is many times the laser's kerf.
     // A punched hole is never shorter than one strike (L_poincon) anyway.
     std::string MinHoleLength = "3";
+    // longueur_point ("dash length"): length of each dash burnt across a fold line, mm.
+    std::string longueur_point = "2";
+    // Transpose: semitones added to every note before it is placed on a track; "auto" chooses
+    // the shift (within two octaves) that loses the fewest note-seconds.
+    std::string Transpose = "0";
+    // Channels: the MIDI channels (1-16) whose notes go on the roll, as a list of numbers and
+    // ranges ("1-9,11-16" leaves out the General MIDI percussion channel 10).
+    std::string Channels = "1-9,11-16";
 
     // "Laser" in any case ("laser", "LASER") is the laser.
     bool isLaser() const

@@ -36,7 +36,7 @@ TEST_F(Startup, HooksRunInOrderAndQuitSavesBeforeClosing)
                    note("close port"), note("end")});
     EXPECT_EQ(calls, (std::vector<std::string>{"paint", "glossary", "port /dev/ttyACM0",
                                                "midi 999", "close port", "end"}));
-    EXPECT_EQ(store.values().size(), 22u) << "every key but BassesAF and the AF twins";
+    EXPECT_EQ(store.values().size(), 25u) << "every key but BassesAF and the AF twins";
 }
 
 TEST_F(Startup, CreatesTheDataFoldersWhenMissingWithALogLine)
