@@ -46,4 +46,22 @@ void addConsoleCommand(CLI::App& app, int& exitCode);
 // the first line on stdout; runs until SIGINT/SIGTERM or the hang-up fault.
 void addEmulateCommand(CLI::App& app, int& exitCode);
 
+// play SONG.mid [--roll] [--start-mark MS] [--end-mark MS] [--port NAME | --synth | --wav FILE]
+// with the settings options of convert: the song (or, with --roll, the cut roll) played.
+void addPlayCommand(CLI::App& app, int& exitCode);
+// midi-ports: the system's MIDI outputs.
+void addMidiPortsCommand(CLI::App& app, int& exitCode);
+
+// fold --port PORT [--count N] [--backward-from-mm Y]: live fold marking.
+void addFoldCommand(CLI::App& app, int& exitCode);
+// fold-file SONG.mid [--count N] [--out PATH]: the fold-marking program of a song.
+void addFoldFileCommand(CLI::App& app, int& exitCode);
+// flash --port PORT --board uno|nano|nano-old [--image FILE.hex] [--yes]: Grbl onto the board.
+void addFlashCommand(CLI::App& app, int& exitCode);
+
+// verify PROGRAM.gcode [SONG.mid]: the program read back into the notes the organ will play.
+void addVerifyCommand(CLI::App& app, int& exitCode);
+// roll-midi PROGRAM.gcode OUT.mid: those notes as a MIDI file.
+void addRollMidiCommand(CLI::App& app, int& exitCode);
+
 }  // namespace veltrin::cli

@@ -41,6 +41,13 @@ int main(int argc, char** argv)
     veltrin::cli::addStreamCommand(app, exitCode);
     veltrin::cli::addConsoleCommand(app, exitCode);
     veltrin::cli::addEmulateCommand(app, exitCode);
+    veltrin::cli::addPlayCommand(app, exitCode);
+    veltrin::cli::addMidiPortsCommand(app, exitCode);
+    veltrin::cli::addFoldCommand(app, exitCode);
+    veltrin::cli::addFoldFileCommand(app, exitCode);
+    veltrin::cli::addFlashCommand(app, exitCode);
+    veltrin::cli::addVerifyCommand(app, exitCode);
+    veltrin::cli::addRollMidiCommand(app, exitCode);
     oneValuePerOption(app);
 
     try {
