@@ -95,6 +95,13 @@ QString MachinePort::openFailureReason(bool exists, bool isCharacterDevice, bool
 
 void MachinePort::closeAndUnlock()
 {
+    // Closing a serial device waits until its output has drained, up to 30 s on Linux: a port
+    // with nothing behind it (a UART without a board) would freeze the program that long.
+    // What Qt still holds is handed over now; what the device cannot send is dropped.
+    if (m_port.isOpen()) {
+        m_port.flush();
+        m_port.clear(QSerialPort::Output);
+    }
     m_port.close();
     m_lock.release();
 }
