@@ -154,6 +154,8 @@ struct MainWindow::Private {
     int historyIndex = 0;
     QString pendingCommand;
     int holdsSeen = 0;
+    // The lines acknowledged by the last job: its cut holes stay drawn until the roll changes.
+    int lastProgress = -1;
     QMessageBox* holdBox = nullptr;
     bool quitting = false;
     std::shared_ptr<const RollPicture> picture;
@@ -248,7 +250,7 @@ void MainWindow::buildWidgets()
     d->user_msg_list->setObjectName(QStringLiteral("user_msg_list"));
     d->user_msg_list->setReadOnly(true);
     d->user_msg_list->setToolTip(QStringLiteral("User messages"));
-    d->user_msg_list->setLineWrapMode(QPlainTextEdit::NoWrap);
+    d->user_msg_list->setLineWrapMode(QPlainTextEdit::WidgetWidth);
     QFont mono(QStringLiteral("Monospace"));
     mono.setStyleHint(QFont::TypeWriter);
     d->user_msg_list->setFont(mono);
@@ -402,6 +404,18 @@ void MainWindow::connectMachine()
     connect(port, &MachinePort::stateChanged, this, &MainWindow::refreshState);
     connect(port, &MachinePort::jobEnded, this, &MainWindow::jobEnded);
     connect(port, &MachinePort::jobRefused, this, &MainWindow::jobRefused);
+    const auto noGrblHint = [this] {
+        d->port->link().logLine("Is the board powered and plugged in? Type its port in the Port field or click "
+                                "Search; to work without a machine, switch Play > Simulate on");
+    };
+    connect(port, &MachinePort::detectionFinished, this, [this, noGrblHint](bool found) {
+        if (!found && !d->state->recherche_en_cours)
+            noGrblHint();
+    });
+    connect(port, &MachinePort::scanFinished, this, [this, noGrblHint](bool found) {
+        if (!found && !d->port->isOpen())
+            noGrblHint();
+    });
     connect(port, &MachinePort::commandFinished, this, [this](const QString& command, const QString& reply) {
         if (command == d->pendingCommand) {
             d->pendingCommand.clear();
@@ -675,6 +689,7 @@ void MainWindow::afterGeneration(bool ok, const std::string& detail)
 
 void MainWindow::refreshRoll()
 {
+    d->lastProgress = -1;
     d->picture = std::make_shared<const RollPicture>(rollPictureOf(*d->state));
     d->roll->setPicture(d->picture);
     refreshMarks();
@@ -900,6 +915,7 @@ void MainWindow::jobEnded(JobOutcome outcome)
     }
     if (d->holdBox)
         d->holdBox->close();
+    d->Text2->setText(QStringLiteral("00:00:00"));
     if ((outcome == JobOutcome::Cancelled || outcome == JobOutcome::PortLost) &&
         d->port->link().job().resumeWritten()) {
         d->port->link().logLine("Resume file: " + d->port->link().job().songPath() +
@@ -1060,10 +1076,9 @@ void MainWindow::refreshState()
         d->gauge1->setRange(0, std::max(1, static_cast<int>(job.lineCount())));
         d->gauge1->setValue(static_cast<int>(job.progress()));
         d->Text2->setText(qs(job.temps_restant()));
-        d->roll->setProgress(static_cast<int>(job.progress()));
-    } else {
-        d->roll->setProgress(-1);
+        d->lastProgress = static_cast<int>(job.progress());
     }
+    d->roll->setProgress(d->lastProgress);
     if (job.held() && job.holdCount() != d->holdsSeen)
         jobHeld();
     else if (!job.held() && d->holdBox)

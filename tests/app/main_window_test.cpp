@@ -15,6 +15,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QSettings>
+#include <QSplitter>
 #include <QTest>
 #include <QTimer>
 
@@ -131,6 +132,25 @@ TEST_F(MainWindowTest, MenusCarryTheirTextsAndCommandsOfLaterVersionsAreDisabled
     // Nothing to punch and no job: only Punch could ever start, and it waits for a song.
     EXPECT_FALSE(button("Punch_button")->isEnabled());
     EXPECT_FALSE(button("Stop_button")->isEnabled());
+}
+
+TEST_F(MainWindowTest, QuitSavesTheSettingsAndTheNextWindowHasTheSameSizeAndSplitters)
+{
+    window().startUp(false);
+    window().resize(1010, 690);
+    auto* splitter = window().findChild<QSplitter*>(QStringLiteral("rollSplitter"));
+    splitter->setSizes({200, 400});
+    const QList<int> sizes = splitter->sizes();
+    m_state.settings.Lgponts = "2.5";
+    window().close();
+    EXPECT_EQ(m_store.read("Lgponts"), "2.5");
+
+    AppState state;
+    MainWindow next(state, m_store);
+    next.startUp(false);
+    EXPECT_EQ(next.size(), QSize(1010, 690));
+    EXPECT_EQ(next.findChild<QSplitter*>(QStringLiteral("rollSplitter"))->sizes(), sizes);
+    EXPECT_EQ(state.settings.Lgponts, "2.5");
 }
 
 TEST_F(MainWindowTest, OpenedSongIsDrawnAndItsSettingEditsRedrawTheRoll)
