@@ -20,6 +20,8 @@ packages=(
   midicsv
   # the reference checkers of the decoder and of the programs' holes
   python3
+  # flashing Grbl onto the machine's board ("Grbl upload", veltrin-cli flash)
+  avrdude
 )
 
 missing=()

@@ -33,6 +33,7 @@ GrblLink::GrblLink(AppState& state)
     : m_state(&state),
       m_log(state.user_msg_list),
       m_job(m_log),
+      m_fold(m_log),
       m_annotator(state.Liste_commentaires_grbl)
 {
     setTimings(m_timings);
@@ -145,6 +146,10 @@ void GrblLink::connexion_off()
         m_job.portLost();
         takeJobActions();
     }
+    if (m_fold.running()) {
+        m_fold.portLost();
+        takeFoldActions();
+    }
     if (wasDetecting)
         m_actions.emplace_back(DetectionDone{false});
 }
@@ -176,7 +181,7 @@ bool GrblLink::consoleCommand(std::string text)
 
 void GrblLink::sendQueued()
 {
-    if (m_command || detecting() || m_job.running() || !m_portOpen || m_probeUncertain)
+    if (m_command || detecting() || m_job.running() || m_fold.running() || !m_portOpen || m_probeUncertain)
         return;
     // Deaf after a limit alarm: every command up to a soft reset is refused at once.
     while (m_critical && !m_queue.empty() && !m_queue.front().reset) {
@@ -254,7 +259,7 @@ void GrblLink::giveUpCommands(std::string_view why, bool queuedToo)
 
 void GrblLink::softReset()
 {
-    if (!m_portOpen || m_job.running())
+    if (!m_portOpen || m_job.running() || m_fold.running())
         return;
     Command reset;
     reset.text = "\x18";
@@ -335,7 +340,7 @@ void GrblLink::laserPointer()
 bool GrblLink::envoi_programme(JobProgram program, std::int64_t nowMs)
 {
     m_now = nowMs;
-    if (m_job.running())
+    if (m_job.running() || m_fold.running())
         return false;
     const bool simulation = m_state->mode_simulation;
     if (!m_state->connecte && !simulation) {
@@ -360,6 +365,11 @@ bool GrblLink::envoi_programme(JobProgram program, std::int64_t nowMs)
 
 void GrblLink::Pause_button_Click()
 {
+    if (m_fold.held()) {
+        m_fold.resume();
+        takeFoldActions();
+        return;
+    }
     if (!m_job.running())
         return;
     if (m_job.en_pause())
@@ -374,6 +384,12 @@ void GrblLink::Stop_button_Click()
 {
     m_nextRollJogPending = false;
     m_nextRollDueMs.reset();
+    if (m_fold.running()) {
+        m_state->arret_demande = true;
+        m_fold.stop();
+        takeFoldActions();
+        return;
+    }
     if (!m_job.running())
         return;
     m_state->arret_demande = true;
@@ -441,6 +457,81 @@ void GrblLink::rouleau_suivant()
     const auto& s = m_state->settings;
     m_nextRollJogPending = true;
     envoi_commande(nextRollJog(m_host->rollGapMm(), jogFeed(s.isLaser(), s.VitesseF, s.VitesseF_poin)));
+}
+
+// --- fold marking ---
+
+bool GrblLink::refuse(std::string_view why)
+{
+    if (m_host)
+        m_host->showMessage(why);
+    else
+        m_log.line(why);
+    return false;
+}
+
+bool GrblLink::Marque_plis_Click()
+{
+    if (jobRunning())
+        return false;
+    if (!(m_state->scale.longueur_pli > 0.0))
+        return refuse("Folds length not defined");
+    if (!m_state->settings.isLaser())
+        return refuse("Fold marking needs the laser: Type_machine is \"" + m_state->settings.Type_machine + "\"");
+    m_foldArmed = true;
+    m_log.line("Set the first fold under the laser ray and hit the Fold button");
+    return true;
+}
+
+bool GrblLink::foldsMayStart(bool backward)
+{
+    if (jobRunning())
+        return false;
+    if (!m_state->connecte || !m_portOpen)
+        return refuse("Machine non connectée");
+    if (m_critical)
+        return refuse("Grbl answers nothing after a limit alarm until a soft reset (Ctrl-X): fold marking not started");
+    if (m_command || !m_queue.empty())
+        return refuse(std::string("A command still waits for its answer: ") +
+                      (backward ? "the folds were not marked" : "hit Fold again once it is answered"));
+    if (auto checked = checkFoldSettings(m_state->settings, m_state->scale); !checked)
+        return refuse(checked.detail());
+    return true;
+}
+
+bool GrblLink::marquage_plis(std::optional<int> foldCount)
+{
+    if (!foldsMayStart(false))
+        return false;
+    m_foldArmed = false;
+    m_fold.startForward(foldValues(m_state->settings, m_state->scale), m_state->arret_demande, foldCount);
+    takeFoldActions();
+    return true;
+}
+
+bool GrblLink::marquage_plis_arriere(double y_max)
+{
+    if (!foldsMayStart(true))
+        return false;
+    m_foldArmed = false;
+    m_state->arret_demande = false;
+    m_fold.startBackward(foldValues(m_state->settings, m_state->scale), y_max);
+    takeFoldActions();
+    return true;
+}
+
+void GrblLink::takeFoldActions()
+{
+    for (auto& action : m_fold.takeActions()) {
+        if (auto* ended = std::get_if<FoldEnded>(&action)) {
+            if (ended->answerOwed)
+                ++m_owedResponses;
+            m_actions.emplace_back(std::move(*ended));
+            sendQueued();
+        } else {
+            std::visit([this](auto& a) { m_actions.emplace_back(std::move(a)); }, action);
+        }
+    }
 }
 
 // --- input ---
@@ -552,6 +643,11 @@ void GrblLink::onLine(std::string_view line)
         syncFlags();
         return;
     }
+    if (m_fold.running()) {
+        m_fold.onLine(line);
+        takeFoldActions();
+        return;
+    }
     if (m_command) {
         commandLine(line, reply);
         return;
@@ -617,7 +713,7 @@ void GrblLink::pollAndWatch(std::int64_t nowMs)
                        true);
         sendQueued();
     }
-    const bool waiting = m_command.has_value() || m_job.streaming();
+    const bool waiting = m_command.has_value() || m_job.streaming() || m_fold.waiting();
     if (waiting && !m_waiting)
         m_waitSinceMs = nowMs;
     m_waiting = waiting;
@@ -628,6 +724,9 @@ void GrblLink::pollAndWatch(std::int64_t nowMs)
         m_job.controllerSilent(m_timings.silenceMs);
         takeJobActions();
         syncFlags();
+    } else if (m_fold.waiting()) {
+        m_fold.controllerSilent(m_timings.silenceMs);
+        takeFoldActions();
     } else {
         giveUpCommands("The controller is not answering: no status report for " +
                            plainNumber(static_cast<double>(m_timings.silenceMs) / 1000.0) + " s, command given up",

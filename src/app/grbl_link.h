@@ -1,7 +1,8 @@
 #pragma once
 // GrblLink: the machine link's core. It owns the detection of Grbl (connexion_on), the
 // single commands with their wait (envoi_commande, the console, the jog keys), the job
-// (envoi_programme, through JobStreamer) and the next roll (rouleau_suivant). Exactly one line
+// (envoi_programme, through JobStreamer), the next roll (rouleau_suivant) and the live fold
+// marking (marquage_plis, through FoldMarker). Exactly one line
 // is unanswered at any time, whoever sent it. It never touches a port or reads a clock.
 // Use: the adapter opens the port and calls setPortOpen(true) then connexion_on(now); it feeds
 // received bytes to onBytes() and the time to onTick(), and carries out takeActions().
@@ -14,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "folding/fold_marker.h"
 #include "machine/grbl_protocol.h"
 #include "machine/job_streamer.h"
 
@@ -35,7 +37,8 @@ public:
     virtual void askYesNo(std::string_view question, bool defaultYes, std::function<void(bool)> answer) = 0;
     // A message box.
     virtual void showMessage(std::string_view text) = 0;
-    // The operator chose to mark the folds backwards after a laser job.
+    // The operator chose to mark the folds backwards after a laser job: the host calls
+    // GrblLink::marquage_plis_arriere with the y_max of the program just cut.
     virtual void startBackwardFolds() = 0;
 };
 
@@ -75,7 +78,8 @@ struct CommandDone {
     std::string command;
     std::string reply;  // "ok", "error:N", or empty when the board restarted or the port closed
 };
-using LinkAction = std::variant<WriteBytes, ResumePoint, ResumeFinished, JobEnded, DetectionDone, CommandDone>;
+using LinkAction =
+    std::variant<WriteBytes, ResumePoint, ResumeFinished, JobEnded, DetectionDone, CommandDone, FoldEnded>;
 
 class GrblLink {
 public:
@@ -92,7 +96,11 @@ public:
     void setLogEcho(std::function<void(std::string_view)> echo) { m_log.setEcho(std::move(echo)); }
     // False where nobody can hit Continue (a command line without a terminal): holds do not
     // say "Hit Continue to resume".
-    void setContinuePrompt(bool on) { m_job.setContinuePrompt(on); }
+    void setContinuePrompt(bool on)
+    {
+        m_job.setContinuePrompt(on);
+        m_fold.setContinuePrompt(on);
+    }
 
     // The adapter tells whether the port is open.
     void setPortOpen(bool open);
@@ -142,10 +150,31 @@ public:
     // Punch_button_Click -> envoi_programme: "Machine not connected" unless connected or in
     // simulation mode; otherwise the job starts.
     bool envoi_programme(JobProgram program, std::int64_t nowMs);
-    // Pause_button_Click: toggles pause and resume.
+    // Pause_button_Click: toggles pause and resume; Continue of a held fold marking.
     void Pause_button_Click();
-    // Stop_button_Click: cancels the job.
+    // Stop_button_Click: cancels the job; a fold marking ends once the fold in progress is
+    // marked ("M5 S0"), or at once when it is held.
     void Stop_button_Click();
+
+    // Marque_plis_Click ("mark folds", the "Live folding dots" entry): arms the live marking.
+    // "Folds length not defined" (a message) when the scale has no fold length, and a message
+    // for a punch; otherwise the Punch button becomes "Fold" and the log says
+    // "Set the first fold under the laser ray and hit the Fold button".
+    bool Marque_plis_Click();
+    // Armed by Marque_plis_Click and not yet started: the Punch button reads "Fold".
+    bool foldArmed() const { return m_foldArmed; }
+    // The Punch button's caption: "Fold" while armed or marking, else "Punch".
+    std::string_view punchCaption() const { return m_foldArmed || m_fold.running() ? "Fold" : "Punch"; }
+    // marquage_plis ("fold marking"), the Fold button: "Machine non connectée" unless
+    // connected; a setting the marking cannot use is told (message); otherwise the forward
+    // marking starts (fold 0 at Y 0, until Stop; foldCount: stop by itself after that many).
+    // arret_demande is left as the last job or marking set it.
+    bool marquage_plis(std::optional<int> foldCount = {});
+    // marquage_plis_arriere ("backward fold marking"), after a laser job that reached y_max
+    // (mm, AppState::y_max): from the highest fold line at or below y_max - 20 mm down to 0.
+    // Clears arret_demande.
+    bool marquage_plis_arriere(double y_max);
+    const FoldMarker& folds() const { return m_fold; }
 
     void onBytes(std::string_view bytes);
     void onLine(std::string_view line);
@@ -153,7 +182,11 @@ public:
     std::vector<LinkAction> takeActions();
 
     const JobStreamer& job() const { return m_job; }
-    bool jobRunning() const { return m_job.running() || m_nextRollDueMs.has_value() || m_nextRollJogPending; }
+    // A job, the wait for the next roll, or a fold marking.
+    bool jobRunning() const
+    {
+        return m_job.running() || m_nextRollDueMs.has_value() || m_nextRollJogPending || m_fold.running();
+    }
 
 private:
     enum class Detection { None, Banner, Answer };
@@ -170,6 +203,11 @@ private:
     void detectionLine(std::string_view line, const Reply& reply);
     void finishDetection(bool grblFound);
     void takeJobActions();
+    void takeFoldActions();
+    // The checks both fold markings make before they start: false after telling why.
+    bool foldsMayStart(bool backward);
+    // Tells why something was not done (a message box, or the log without a host); false.
+    bool refuse(std::string_view why);
     void jobEnded(const JobEnded& ended);
     void rouleau_suivant();
     void syncFlags();
@@ -181,6 +219,8 @@ private:
     AppState* m_state;
     LogSink m_log;
     JobStreamer m_job;
+    FoldMarker m_fold;
+    bool m_foldArmed = false;
     JobHost* m_host = nullptr;
     LineAssembler m_lines;
     SettingsAnnotator m_annotator;

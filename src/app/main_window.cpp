@@ -39,6 +39,11 @@
 #include "app/folders_qt.h"
 #include "app/genere_gcode.h"
 #include "app/marks.h"
+#include "folding/fold_commands.h"
+#include "folding/fold_program.h"
+#include "machine/firmware_upload.h"
+#include "machine/process_runner_qt.h"
+#include "app/playback_plan.h"
 #include "app/roll_snapshot.h"
 #include "app/settings_dialog.h"
 #include "app/settings_edit.h"
@@ -47,6 +52,7 @@
 #include "app/startup.h"
 #include "machine/grbl_protocol.h"
 #include "machine/serial_port_qt.h"
+#include "view/playback_qt.h"
 #include "view/roll_view_widget.h"
 
 #ifndef VELTRIN_VERSION
@@ -159,6 +165,14 @@ struct MainWindow::Private {
     QMessageBox* holdBox = nullptr;
     bool quitting = false;
     std::shared_ptr<const RollPicture> picture;
+    PlaybackController playback;
+    FirmwareUpload* upload = nullptr;
+    QMenu* uploadMenu = nullptr;
+    QAction* liveFoldsAction = nullptr;
+    QAction* foldFileAction = nullptr;
+    int foldHoldsSeen = 0;
+    QAction* playAction = nullptr;
+    QAction* playRollAction = nullptr;
 };
 
 MainWindow::MainWindow(AppState& state, SettingsStore& store, QWidget* parent)
@@ -168,12 +182,16 @@ MainWindow::MainWindow(AppState& state, SettingsStore& store, QWidget* parent)
     d->store = &store;
     d->port = std::make_unique<MachinePort>(state);
     d->port->link().setHost(this);
+    d->upload = new FirmwareUpload(*d->port, this);
+    d->upload->setHost(this);
+    connect(d->upload, &FirmwareUpload::runningChanged, this, &MainWindow::refreshState);
     setObjectName(QStringLiteral("MainWindow"));
     setWindowTitle(QStringLiteral("Veltrin"));
     d->settings = new SettingsDialog(state, store, this);
     buildWidgets();
     buildMenus();
     connectMachine();
+    connectPlayback();
 
     d->regenerateTimer.setSingleShot(true);
     d->regenerateTimer.setInterval(kRegenerateAfterMs);
@@ -362,15 +380,23 @@ void MainWindow::buildMenus()
     quit->setShortcut(QKeySequence::Quit);
 
     QMenu* folds = menuBar()->addMenu(QStringLiteral("Folding marks"));
-    folds->addAction(QStringLiteral("Live folding dots"))->setEnabled(false);
-    folds->addAction(QStringLiteral("Folding marks file..."))->setEnabled(false);
+    d->liveFoldsAction = folds->addAction(QStringLiteral("Live folding dots"), this, [this] {
+        d->port->link().Marque_plis_Click();
+        d->port->carryOut();
+        refreshState();
+    });
+    d->liveFoldsAction->setObjectName(QStringLiteral("Marque_plis"));
+    d->foldFileAction = folds->addAction(QStringLiteral("Folding marks file..."), this, &MainWindow::foldFileDialog);
 
     QMenu* tools = menuBar()->addMenu(QStringLiteral("Tools"));
     d->settingsAction = tools->addAction(QStringLiteral("Settings"), this, &MainWindow::Param_perf_Click);
     d->settingsAction->setObjectName(QStringLiteral("Param_perf"));
-    QMenu* upload = tools->addMenu(QStringLiteral("Grbl upload"));
-    for (const char* board : {"Uno - Uno rev3", "Nano (new bootloader 01-2018)", "Nano (old bootloader)"})
-        upload->addAction(QString::fromLatin1(board))->setEnabled(false);
+    d->uploadMenu = tools->addMenu(QStringLiteral("Grbl upload"));
+    for (const GrblBoardEntry& entry : grblBoards()) {
+        const GrblBoard board = entry.board;
+        QAction* a = d->uploadMenu->addAction(qs(entry.menuText), this, [this, board] { flashBoard(board); });
+        a->setObjectName(qs(entry.handler));
+    }
     tools->addSeparator();
     tools->addAction(QStringLiteral("Grbl soft reset"), this, [this] {
         if (!d->port->isOpen())
@@ -380,7 +406,11 @@ void MainWindow::buildMenus()
     });
 
     QMenu* play = menuBar()->addMenu(QStringLiteral("Play"));
-    play->addAction(QStringLiteral("Play (p)"))->setEnabled(false);
+    d->playAction = play->addAction(QStringLiteral("Play (p)"), this, [this] { Play_morceau_click(false); });
+    d->playAction->setObjectName(QStringLiteral("Play_morceau"));
+    d->playRollAction = play->addAction(QStringLiteral("Play the roll as cut"), this, [this] { Play_morceau_click(true); });
+    d->playRollAction->setToolTip(QStringLiteral("The holes of the program as the organ will read them"));
+    play->addSeparator();
     d->simulateAction = play->addAction(QStringLiteral("Simulate"), this, &MainWindow::Simulate_Click);
     d->simulateAction->setCheckable(true);
 
@@ -396,6 +426,19 @@ void MainWindow::buildMenus()
 
     QMenu* help = menuBar()->addMenu(QStringLiteral("Help"));
     help->addAction(QStringLiteral("About"), this, &MainWindow::About_Click);
+}
+
+void MainWindow::connectPlayback()
+{
+    PlaybackController* playback = &d->playback;
+    connect(playback, &PlaybackController::scrollChanged, this,
+            [this](double mm) { d->roll->setScrollValue(static_cast<int>(std::lround(mm))); });
+    connect(playback, &PlaybackController::started, this,
+            [this](const QString& output) { d->port->link().logLine("Playing on " + output.toStdString()); });
+    connect(playback, &PlaybackController::failed, this, [this](const QString& why) {
+        d->port->link().logLine("Playback not started: " + why.toStdString());
+    });
+    connect(playback, &PlaybackController::finished, this, &MainWindow::refreshState);
 }
 
 void MainWindow::connectMachine()
@@ -455,6 +498,12 @@ void MainWindow::quitter_Click()
 
 void MainWindow::closeEvent(QCloseEvent* event)
 {
+    if (d->upload->running()) {
+        // A board half flashed would not start: avrdude must finish first.
+        event->ignore();
+        showMessage("Waiting for uploading is finished");
+        return;
+    }
     if (d->port->link().jobRunning() && !d->quitting) {
         event->ignore();
         auto* box = new QMessageBox(QMessageBox::Question, QStringLiteral("Quit"),
@@ -479,6 +528,7 @@ void MainWindow::closeEvent(QCloseEvent* event)
         if (d->port->isOpen())
             d->port->closePort();
     };
+    hooks.closeMidi = [this] { d->playback.stop(); };
     hooks.endProgram = [this] { d->settings->close(); };
     veltrin::quitter_Click(*d->state, *d->store, hooks);
     event->accept();
@@ -824,7 +874,7 @@ bool MainWindow::Form_KeyDown(QKeyEvent* event)
         d->roll->zoomDefault();
         return true;
     case Qt::Key_P:
-        // Playback is not part of this version: its command is shown disabled.
+        Play_morceau_click(false);
         return true;
     default:
         return false;
@@ -869,10 +919,12 @@ void MainWindow::Text1_KeyPress()
 void MainWindow::Punch_button_Click()
 {
     if (d->Punch_button->text() == QLatin1String("Fold")) {
-        d->port->link().logLine("Fold marking is not part of this version");
+        d->port->link().marquage_plis();
+        d->port->carryOut();
+        refreshState();
         return;
     }
-    if (busy() || !d->state->punchEnabled || d->regenerateTimer.isActive())
+    if (busy() || d->playback.running() || !d->state->punchEnabled || d->regenerateTimer.isActive())
         return;
     if (!d->state->connecte && !d->state->mode_simulation) {
         showMessage("Machine not connected");
@@ -896,8 +948,31 @@ void MainWindow::Pause_button_Click()
 
 void MainWindow::Stop_button_Click()
 {
-    d->port->link().Stop_button_Click();
-    d->port->carryOut();
+    // The same button ends a playback, or else cancels the job.
+    if (d->playback.running()) {
+        d->playback.stop();
+    } else {
+        d->port->link().Stop_button_Click();
+        d->port->carryOut();
+    }
+    refreshState();
+}
+
+void MainWindow::Play_morceau_click(bool roll)
+{
+    if (d->playback.running() || d->importing)
+        return;
+    if (d->state->chemin_morceau.empty()) {
+        d->port->link().logLine("Open a song first");
+        return;
+    }
+    const PlaybackPlan plan = playbackPlan(*d->state, roll ? PlaybackSource::Roll : PlaybackSource::Song);
+    if (roll && plan.schedule.linesPlayed == 0) {
+        d->port->link().logLine("No hole of the program to play between the marks");
+        return;
+    }
+    d->roll->zoomDefault();
+    d->playback.play(plan.schedule, plan.mmPerSecond);
     refreshState();
 }
 
@@ -947,26 +1022,32 @@ void MainWindow::jobRefused(const QString& why, bool laserModeOff)
 
 void MainWindow::jobHeld()
 {
-    const JobStreamer& job = d->port->link().job();
-    d->holdsSeen = job.holdCount();
+    // A job, or a fold marking, waits for the operator: Continue or Stop.
+    GrblLink& link = d->port->link();
+    const bool folds = link.folds().held();
+    if (folds)
+        d->foldHoldsSeen = link.folds().holdCount();
+    else
+        d->holdsSeen = link.job().holdCount();
     if (d->holdBox)
         d->holdBox->close();
-    const bool canContinue = job.holdReason() != HoldReason::CriticalAlarm;
-    auto* box = new QMessageBox(QMessageBox::Warning, QStringLiteral("Punch held"), qs(job.holdMessage()),
-                                QMessageBox::NoButton, this);
+    const bool canContinue = folds || link.job().holdReason() != HoldReason::CriticalAlarm;
+    const QString what = folds ? QStringLiteral("Fold marking held") : QStringLiteral("Punch held");
+    const std::string& message = folds ? link.folds().holdMessage() : link.job().holdMessage();
+    auto* box = new QMessageBox(QMessageBox::Warning, what, qs(message), QMessageBox::NoButton, this);
     box->setObjectName(QStringLiteral("holdBox"));
-    box->setInformativeText(canContinue ? QStringLiteral("Continue the job, or stop it (the resume file keeps "
-                                                         "where it stopped)?")
-                                        : QStringLiteral("Grbl answers nothing until it is reset: the job "
-                                                         "can only be stopped (the resume file keeps where "
-                                                         "it stopped)."));
+    box->setInformativeText(folds ? QStringLiteral("Continue the marking, or stop it?")
+                            : canContinue
+                                ? QStringLiteral("Continue the job, or stop it (the resume file keeps where it stopped)?")
+                                : QStringLiteral("Grbl answers nothing until it is reset: the job can only be stopped "
+                                                 "(the resume file keeps where it stopped)."));
     QPushButton* go = canContinue ? box->addButton(QStringLiteral("Continue"), QMessageBox::AcceptRole) : nullptr;
     QPushButton* stop = box->addButton(QStringLiteral("Stop"), QMessageBox::RejectRole);
     box->setDefaultButton(stop);
     box->setAttribute(Qt::WA_DeleteOnClose);
     d->holdBox = box;
     connect(box, &QMessageBox::buttonClicked, this, [this, go](QAbstractButton* clicked) {
-        if (!d->port->link().job().held())
+        if (!d->port->link().job().held() && !d->port->link().folds().held())
             return;
         if (go && clicked == go)
             Pause_button_Click();
@@ -1061,12 +1142,24 @@ void MainWindow::refreshState()
     const bool running = link.jobRunning();
     const bool pending = d->regenerateTimer.isActive();
 
-    d->Punch_button->setEnabled(!running && !d->importing && s.punchEnabled && !pending);
-    d->Pause_button->setEnabled(running);
-    d->Stop_button->setEnabled(running);
+    const bool playing = d->playback.running();
+    const bool flashing = d->upload->running();
+    d->Punch_button->setText(qs(link.punchCaption()));
+    d->Punch_button->setEnabled(!running && !playing && !flashing && !d->importing &&
+                                (link.foldArmed() || (s.punchEnabled && !pending)));
+    d->Pause_button->setEnabled(running && !link.folds().running());
+    d->Stop_button->setEnabled(running || playing);
+    d->playAction->setEnabled(!playing && !s.chemin_morceau.empty());
+    d->playRollAction->setEnabled(!playing && !s.chemin_morceau.empty());
     d->Pause_button->setText(job.en_pause() ? QStringLiteral("Resume") : QStringLiteral("Pause"));
-    d->settingsAction->setEnabled(!running);
-    d->openAction->setEnabled(!running && s.ouvre_midi_actif);
+    d->settingsAction->setEnabled(!running && !flashing);
+    d->openAction->setEnabled(!running && !flashing && s.ouvre_midi_actif);
+    d->liveFoldsAction->setEnabled(!running && !flashing && s.settings.isLaser());
+    d->foldFileAction->setEnabled(!running && s.settings.isLaser() && !s.chemin_morceau.empty());
+    d->uploadMenu->setEnabled(!running && !flashing);
+    d->Text1->setEnabled(!flashing);
+    d->AdressePort->setEnabled(!flashing);
+    d->Label3->setEnabled(!flashing);
     d->simulateAction->setEnabled(!running);
     d->simulateAction->setChecked(s.mode_simulation);
     if (running && d->settings->isVisible())
@@ -1079,9 +1172,10 @@ void MainWindow::refreshState()
         d->lastProgress = static_cast<int>(job.progress());
     }
     d->roll->setProgress(d->lastProgress);
-    if (job.held() && job.holdCount() != d->holdsSeen)
+    const FoldMarker& folds = link.folds();
+    if ((job.held() && job.holdCount() != d->holdsSeen) || (folds.held() && folds.holdCount() != d->foldHoldsSeen))
         jobHeld();
-    else if (!job.held() && d->holdBox)
+    else if (!job.held() && !folds.held() && d->holdBox)
         d->holdBox->close();
 
     const auto head = d->port->isOpen() ? link.workPositionXY() : std::nullopt;
@@ -1134,7 +1228,74 @@ void MainWindow::showMessage(std::string_view text)
 
 void MainWindow::startBackwardFolds()
 {
-    d->port->link().logLine("Fold marking is not part of this version: mark the folds by hand");
+    // Out of the link's call that asked the question.
+    QTimer::singleShot(0, this, [this] {
+        d->port->link().marquage_plis_arriere(d->state->y_max);
+        d->port->carryOut();
+        refreshState();
+    });
+}
+
+void MainWindow::foldFileDialog()
+{
+    AppState& s = *d->state;
+    if (busy() || s.chemin_morceau.empty())
+        return;
+    auto* ask = new QInputDialog(this);
+    ask->setAttribute(Qt::WA_DeleteOnClose);
+    ask->setObjectName(QStringLiteral("foldCountDialog"));
+    ask->setWindowTitle(QStringLiteral("Folding marks"));
+    ask->setLabelText(QStringLiteral("Number of folds to mark"));
+    ask->setInputMode(QInputDialog::IntInput);
+    ask->setIntRange(1, 100000);
+    ask->setIntValue(std::max(1, foldsForRoll(std::max(s.y_max, s.longueur_rouleau), s.scale.longueur_pli)));
+    connect(ask, &QInputDialog::intValueSelected, this, [this](int count) { writeFoldFile(count); });
+    ask->open();
+}
+
+void MainWindow::writeFoldFile(int count)
+{
+    AppState& s = *d->state;
+    const std::string title = songTitle(s.chemin_morceau);
+    const auto written = writeFoldProgram(s.settings, s.scale, commentSafe(title), count,
+                                          foldProgramPath(s.dossier_documents, title));
+    if (!written) {
+        showMessage(written.detail());
+        return;
+    }
+    d->port->link().logLine("Folding marks program written: " + written.value());
+    const std::string path = written.value();
+    askYesNo("Mark the folds now with this program?", false, [this, path](bool yes) {
+        if (!yes || busy() || d->playback.running())
+            return;
+        if (!d->state->connecte && !d->state->mode_simulation)
+            return showMessage("Machine not connected");
+        auto program = readProgram(path);
+        if (!program)
+            return;
+        // Not the song's job: its resume file is left alone.
+        program->songPath.clear();
+        d->port->punch(std::move(*program));
+        refreshState();
+    });
+}
+
+void MainWindow::flashBoard(GrblBoard board)
+{
+    if (busy() || d->upload->running())
+        return;
+    if (!d->upload->findImage().isEmpty())
+        return d->upload->upload(board);
+    // No image beside the program: the operator chooses one.
+    auto* dialog = new QFileDialog(this, QStringLiteral("Grbl image (Intel hex)"));
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setFileMode(QFileDialog::ExistingFile);
+    dialog->setNameFilters({QStringLiteral("Intel hex (*.hex)"), QStringLiteral("Tous (*)")});
+    connect(dialog, &QFileDialog::fileSelected, this, [this, board](const QString& image) {
+        if (!image.isEmpty())
+            d->upload->upload(board, image);
+    });
+    dialog->open();
 }
 
 void MainWindow::About_Click()

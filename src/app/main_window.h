@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "app/grbl_link.h"
+#include "machine/firmware_upload.h"
 
 class QAction;
 class QLabel;
@@ -61,6 +62,9 @@ public slots:
     void Punch_button_Click();
     void Pause_button_Click();
     void Stop_button_Click();
+    // Play_morceau_click ("play the song"): the song between the marks on the MIDI output (or
+    // the built-in synthesizer); roll: the holes of the program as the organ will read them.
+    void Play_morceau_click(bool roll = false);
     void Param_perf_Click();
     void Simulate_Click();
     void Label3_Click();
@@ -83,6 +87,12 @@ private:
     void buildMenus();
     void buildWidgets();
     void connectMachine();
+    void connectPlayback();
+    // The "Folding marks file..." entry: the count of folds asked, then the program written.
+    void foldFileDialog();
+    void writeFoldFile(int count);
+    // A "Grbl upload" entry: the image found beside the program, or chosen.
+    void flashBoard(GrblBoard board);
     // Form_KeyDown: the key table; true when the key was taken.
     bool Form_KeyDown(QKeyEvent* event);
     void Text1_KeyPress();

@@ -64,4 +64,9 @@ void addVerifyCommand(CLI::App& app, int& exitCode);
 // roll-midi PROGRAM.gcode OUT.mid: those notes as a MIDI file.
 void addRollMidiCommand(CLI::App& app, int& exitCode);
 
+// estimate PROGRAM.gcode [--grbl-settings FILE]: the machine time of a program on Grbl 1.1.
+void addEstimateCommand(CLI::App& app, int& exitCode);
+// print SONG.mid --out FILE.pdf|FILE.svg: the roll at 1:1 on paper.
+void addPrintCommand(CLI::App& app, int& exitCode);
+
 }  // namespace veltrin::cli

@@ -48,6 +48,8 @@ int main(int argc, char** argv)
     veltrin::cli::addFlashCommand(app, exitCode);
     veltrin::cli::addVerifyCommand(app, exitCode);
     veltrin::cli::addRollMidiCommand(app, exitCode);
+    veltrin::cli::addEstimateCommand(app, exitCode);
+    veltrin::cli::addPrintCommand(app, exitCode);
     oneValuePerOption(app);
 
     try {

@@ -98,11 +98,15 @@ void MachinePort::closeAndUnlock()
     // Closing a serial device waits until its output has drained, up to 30 s on Linux: a port
     // with nothing behind it (a UART without a board) would freeze the program that long.
     // What Qt still holds is handed over now; what the device cannot send is dropped.
+    // A device that has gone away fails these calls, and its error signal must not close the
+    // port again from inside them.
+    m_closing = true;
     if (m_port.isOpen()) {
         m_port.flush();
         m_port.clear(QSerialPort::Output);
     }
     m_port.close();
+    m_closing = false;
     m_lock.release();
 }
 
@@ -160,6 +164,7 @@ bool MachinePort::openOnly(const QString& field)
 
 bool MachinePort::openPort(const QString& field)
 {
+    m_lent = false;
     if (!openOnly(field)) {
         if (!m_state->recherche_en_cours)
             m_link.logLine("Port " + field.toStdString() + " cannot be used: " + m_openError.toStdString());
@@ -190,6 +195,16 @@ void MachinePort::closePort()
     emit stateChanged();
 }
 
+void MachinePort::lendPort()
+{
+    m_lent = true;
+    if (m_port.isOpen())
+        m_port.close();
+    m_link.setPortOpen(false);
+    carryOut();
+    emit stateChanged();
+}
+
 void MachinePort::openAtStartup()
 {
     if (!openPort(QString::fromStdString(m_state->settings.AdressePort)))
@@ -198,7 +213,7 @@ void MachinePort::openAtStartup()
 
 void MachinePort::portFieldChanged(const QString& field)
 {
-    if (m_state->recherche_en_cours)
+    if (m_state->recherche_en_cours || m_lent)
         return;
     m_state->settings.AdressePort = field.toStdString();
     if (m_port.isOpen())
@@ -209,7 +224,7 @@ void MachinePort::portFieldChanged(const QString& field)
 
 void MachinePort::scanPorts()
 {
-    if (m_port.isOpen() || m_state->recherche_en_cours)
+    if (m_port.isOpen() || m_state->recherche_en_cours || m_lent)
         return;
     m_scanCandidates = m_listPorts();
     m_scanFirstOpened.clear();
@@ -258,7 +273,7 @@ void MachinePort::onError(QSerialPort::SerialPortError error)
 {
     // The device went away: an unplugged board gives a resource error, a pseudo-terminal
     // whose other end closed keeps failing to read (and would keep signalling so).
-    if ((error == QSerialPort::ResourceError || error == QSerialPort::ReadError) && m_port.isOpen()) {
+    if ((error == QSerialPort::ResourceError || error == QSerialPort::ReadError) && m_port.isOpen() && !m_closing) {
         m_port.clearError();
         closePort();
     }
@@ -320,6 +335,8 @@ void MachinePort::carryOut()
                 emit jobEnded(e->outcome);
                 if (e->outcome == JobOutcome::NotStarted)
                     emit jobRefused(QString::fromStdString(e->why), e->laserModeOff);
+            } else if (auto* folded = std::get_if<FoldEnded>(&action)) {
+                emit foldMarkingEnded(folded->outcome, folded->foldsMarked);
             }
         }
     }
@@ -348,8 +365,8 @@ void MachinePort::watchPorts()
             continue;
         m_knownPorts.insert(location);
         m_link.logLine("Arduino detected");
-        if (m_state->recherche_en_cours)
-            continue;  // the scan keeps to its own list
+        if (m_state->recherche_en_cours || m_lent)
+            continue;  // the scan keeps to its own list; a lent port comes back by itself
         // A device plugged in while a roll is being cut must not take the link away from
         // the job: it is only announced.
         if (m_port.isOpen() && m_link.jobRunning())

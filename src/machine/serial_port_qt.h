@@ -48,6 +48,11 @@ public:
 
     // connexion_off with the port closed.
     void closePort();
+    // connexion_off with the port closed for another program (avrdude) but its lock kept, so
+    // that no other Veltrin takes it meanwhile; neither the watcher, the scan nor a changed port
+    // field opens a port until openPort() takes it back.
+    void lendPort();
+    bool lent() const { return m_lent; }
     // Opening at start-up: the saved AdressePort, else the port scan.
     void openAtStartup();
     // AdressePort changed by the operator: reopen on the new port (ignored during a scan).
@@ -71,6 +76,8 @@ signals:
     void detectionFinished(bool grblFound);
     void commandFinished(const QString& command, const QString& reply);
     void jobEnded(veltrin::JobOutcome outcome);
+    // A fold marking ended (after "M5 S0", or cut short: see FoldOutcome).
+    void foldMarkingEnded(veltrin::FoldOutcome outcome, int foldsMarked);
     // The checks after the soft reset refused the job (why, as logged); laserModeOff: the one
     // fault is Grbl's $32=0.
     void jobRefused(const QString& why, bool laserModeOff);
@@ -106,6 +113,8 @@ private:
     QStringList m_scanCandidates;
     QString m_scanFirstOpened;
     bool m_scanFallback = false;
+    bool m_lent = false;
+    bool m_closing = false;
 };
 
 }  // namespace veltrin

@@ -14,6 +14,7 @@
 #include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QSettings>
 #include <QSplitter>
 #include <QTest>
@@ -105,7 +106,7 @@ protected:
     std::unique_ptr<MainWindow> m_window;
 };
 
-TEST_F(MainWindowTest, MenusCarryTheirTextsAndCommandsOfLaterVersionsAreDisabled)
+TEST_F(MainWindowTest, MenusCarryTheirTextsAndSongCommandsWaitForASong)
 {
     window().startUp(false);
     QStringList menus;
@@ -113,16 +114,16 @@ TEST_F(MainWindowTest, MenusCarryTheirTextsAndCommandsOfLaterVersionsAreDisabled
         menus << a->text();
     EXPECT_EQ(menus, QStringList({"File", "Folding marks", "Tools", "Play", "Zoom", "Help"}));
     for (const char* enabled : {"Open midi file...", "Quit", "Settings", "Simulate", "About", "Zoom in (h)",
-                                "Zoom out (g)", "Default zoom (j)"}) {
+                                "Zoom out (g)", "Default zoom (j)", "Live folding dots", "Uno - Uno rev3",
+                                "Nano (new bootloader 01-2018)", "Nano (old bootloader)"}) {
         QAction* a = window().action(QLatin1String(enabled));
         ASSERT_NE(a, nullptr) << enabled;
         EXPECT_TRUE(a->isEnabled()) << enabled;
     }
-    for (const char* later : {"Play (p)", "Live folding dots", "Uno - Uno rev3", "Nano (new bootloader 01-2018)",
-                              "Nano (old bootloader)"}) {
-        QAction* a = window().action(QLatin1String(later));
-        ASSERT_NE(a, nullptr) << later;
-        EXPECT_FALSE(a->isEnabled()) << later;
+    for (const char* needsSong : {"Play (p)", "Play the roll as cut", "Folding marks file..."}) {
+        QAction* a = window().action(QLatin1String(needsSong));
+        ASSERT_NE(a, nullptr) << needsSong;
+        EXPECT_FALSE(a->isEnabled()) << needsSong;
     }
     ASSERT_NE(window().action(QStringLiteral("Grbl upload")), nullptr);
     EXPECT_EQ(window().findChild<QLineEdit*>(QStringLiteral("Text1"))->toolTip(), QStringLiteral("Grbl command"));
@@ -217,6 +218,31 @@ TEST_F(MainWindowTest, StripClicksSetTheMarksAndWriteThePartialProgram)
     QTest::mouseClick(&roll, Qt::MiddleButton, Qt::NoModifier, onStrip3);
     EXPECT_EQ(*m_state.debut_marque, start);
     EXPECT_EQ(m_state.fin_marque, end);
+}
+
+// P plays the song (here on the built-in synthesizer into ALSA's null device: no sound card);
+// Punch waits while it plays and Stop ends it at once.
+TEST_F(MainWindowTest, PlaysTheSongOnPAndStopEndsIt)
+{
+    TempDir home;
+    testing::writeText(home.path() / ".asoundrc", "pcm.!default { type null }\n");
+    const QByteArray oldHome = qgetenv("HOME");
+    qputenv("HOME", QByteArray::fromStdString(home.str()));
+    const auto restoreHome = qScopeGuard([&] { qputenv("HOME", oldHome); });
+    showAndFocus();
+    window().startUp(false);
+    window().openFiles({m_song});
+    window().rollView().setFocus();
+    key(Qt::Key_P);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return log().find("Playing on") != std::string::npos; }, 10000)) << log();
+    EXPECT_FALSE(button("Punch_button")->isEnabled());
+    EXPECT_TRUE(button("Stop_button")->isEnabled());
+    EXPECT_FALSE(window().action(QStringLiteral("Play (p)"))->isEnabled());
+    // The view follows the music.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window().rollView().scrollValue() > 20; }, 10000));
+    QTest::mouseClick(button("Stop_button"), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return button("Punch_button")->isEnabled(); }, 3000)) << log();
+    EXPECT_FALSE(button("Stop_button")->isEnabled());
 }
 
 TEST_F(MainWindowTest, KeysSendTheirCommandsToTheMachineAndDriveTheView)
@@ -343,6 +369,33 @@ TEST_F(MainWindowTest, PunchStreamsWithProgressPauseAndAnErrorHoldContinued)
     ASSERT_TRUE(QTest::qWaitFor([] { return box("questionBox") != nullptr; }, 3000));
     EXPECT_EQ(box("questionBox")->text(), QStringLiteral("Cutting folds backwardly ?"));
     EXPECT_EQ(box("questionBox")->defaultButton(), box("questionBox")->button(QMessageBox::No));
+}
+
+// "Live folding dots" turns Punch into Fold; Fold marks fold after fold until Stop, which
+// finishes the fold in progress and turns the laser off.
+TEST_F(MainWindowTest, LiveFoldingDotsFromTheMenuMarkFoldsUntilStop)
+{
+    TempDir record;
+    const QString recordPath = QString::fromStdString((record.path() / "lines").string());
+    EmulatorProcess emulator({"--speed", "20", "--record", recordPath});
+    connect(emulator);
+    showAndFocus();
+    window().action(QStringLiteral("Live folding dots"))->trigger();
+    EXPECT_EQ(button("Punch_button")->text(), QStringLiteral("Fold"));
+    ASSERT_TRUE(button("Punch_button")->isEnabled()) << "no song is needed to mark folds";
+    EXPECT_NE(log().find("Set the first fold under the laser ray and hit the Fold button"), std::string::npos);
+    QTest::mouseClick(button("Punch_button"), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return log().find("M3 S") != std::string::npos; }, 10000)) << log();
+    EXPECT_FALSE(button("Pause_button")->isEnabled());
+    QTest::mouseClick(button("Stop_button"), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !window().machine().link().jobRunning(); }, 60000)) << log();
+    std::ifstream in(recordPath.toStdString());
+    std::string last;
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty())
+            last = line;
+    EXPECT_EQ(last.substr(0, 5), "M5 S0") << "the laser is off at the end";
+    EXPECT_EQ(button("Punch_button")->text(), QStringLiteral("Punch"));
 }
 
 TEST_F(MainWindowTest, ErrorHoldAnsweredStopCancelsTheJob)
