@@ -95,7 +95,8 @@ QString qs(std::string_view text)
 // Settings that take no part in the program: editing them regenerates nothing.
 bool changesProgram(const QString& field)
 {
-    return field != QLatin1String("AdressePort") && !field.startsWith(QLatin1String("duree_"));
+    return field != QLatin1String("AdressePort") && field != QLatin1String("longueur_point") &&
+           !field.startsWith(QLatin1String("duree_"));
 }
 
 // A round lamp (Shape1, the simulation lamp).

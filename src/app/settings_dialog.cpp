@@ -43,6 +43,9 @@ constexpr PlainField kPlainFields[] = {
     {"L_poincon", &Ui::SettingsDialog::L_poincon},
     {"Fourchette", &Ui::SettingsDialog::Fourchette},
     {"MinHoleLength", &Ui::SettingsDialog::MinHoleLength},
+    {"Transpose", &Ui::SettingsDialog::Transpose},
+    {"Channels", &Ui::SettingsDialog::Channels},
+    {"longueur_point", &Ui::SettingsDialog::longueur_point},
 };
 
 QString qText(const std::string& text)
@@ -220,7 +223,7 @@ struct SettingsDialog::Private {
         const bool laser = state.settings.isLaser();
         setVisible({ui.Laser_power_label, ui.Laser_power, ui.Laser_power_unit, ui.Laser_mode_label,
                     ui.Laser_mode, ui.VitesseF_laser_label, ui.Dist_ponts_label, ui.Dist_ponts,
-                    ui.Dist_ponts_unit},
+                    ui.Dist_ponts_unit, ui.longueur_point_label, ui.longueur_point, ui.longueur_point_unit},
                    laser);
         setVisible({ui.L_poincon_label, ui.L_poincon, ui.L_poincon_unit, ui.VitesseF_punch_label},
                    !laser);
