@@ -7,6 +7,7 @@
 #include <fstream>
 #include <limits>
 
+#include "app/arranging.h"
 #include "app/song_plan_scope.h"
 #include "base/numeric_text.h"
 #include "midi/resume_file.h"
@@ -94,6 +95,17 @@ bool splitsNotes(const PlanValues& values, const Settings& settings)
     return !(values.laser && leadingNumber(settings.Lgponts) == 0.0);
 }
 
+// The split becomes the song's plan. Notes shifted out of MIDI's range never reached the
+// split, and are lost all the same.
+void keepSplit(AppState& state, Arrangement& arranged, SplitResult split)
+{
+    state.Liste_play = std::move(arranged.playLines);
+    state.List_GC_Ycroissant = std::move(split.pieces);
+    state.notes_hors_gamme = split.notes_hors_gamme + arranged.shiftedOutOfRange;
+    state.piste_courante = split.piste_courante;
+    state.rollCleanup = split.cleanup;
+}
+
 }  // namespace
 
 Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
@@ -120,17 +132,16 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
     state.y_max = 0.0;
     state.y_premiere_coupe = 0.0;
 
-    // 2. Pair note starts and ends, 3. split the notes into pieces.
+    // 2. Pair note starts and ends of the channels placed, shifted as Transpose says,
+    // 3. split the notes into pieces.
+    std::optional<Arrangement> arranged;
     if (!garder_notes) {
-        const std::vector<std::string> noteLines = pairNotes(state.Liste_tran, state.Liste_play);
-        SplitResult split = planSplit(noteLines, fractionner, values, state.scale);
-        state.List_GC_Ycroissant = std::move(split.pieces);
-        state.notes_hors_gamme = split.notes_hors_gamme;
-        state.piste_courante = split.piste_courante;
-        state.rollCleanup = split.cleanup;
+        arranged = songArrangement(state);
+        keepSplit(state, *arranged, planSplit(arranged->noteLines, fractionner, values, state.scale));
         if (!silent) {
-            state.gauge1_max = static_cast<int>(noteLines.size());
-            state.gauge1_value = noteLines.empty() ? 0 : static_cast<int>(noteLines.size()) - 1;
+            const auto noteCount = static_cast<int>(arranged->noteLines.size());
+            state.gauge1_max = noteCount;
+            state.gauge1_value = noteCount == 0 ? 0 : noteCount - 1;
         }
     }
 
@@ -181,6 +192,9 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
     // What the program was made with, beside it: a job takes its roll speed and the settings
     // of its resume file from there.
     state.programSettings = planSettingsOf(state.settings, state.scale);
+    // The marks, so that the program can be checked against the stretch of the song it covers.
+    if (markRange(state).startSet())
+        state.programSettings.emplace_back("debut_marque", plainNumber(markRange(state).startMs));
     if (markRange(state).endSet())
         state.programSettings.emplace_back("fin_marque", plainNumber(state.fin_marque));
     if (auto recorded = writeProgramRecord(path, state.chemin_morceau, program.text, state.programSettings); !recorded)
@@ -207,6 +221,14 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
                                    (report.marks.startSet() || report.marks.endSet() ? "between the marks " : "") +
                                    "lies in the organ scale; the program only moves the machine");
     }
+    // 7. What the channels, the transposition and the scale leave out, after the report.
+    if (!arranged)
+        arranged = songArrangementSummary(state);
+    const std::vector<std::string> arranging = arrangingReport(*arranged, state.settings.Channels);
+    for (const std::string& line : arranging)
+        state.user_msg_list.append(line);
+    if (!arranging.empty())
+        state.user_msg_list.append("");
     state.punchEnabled = true;
     return written;
 }
@@ -224,9 +246,8 @@ Result<double, PlanError> searchBestWidth(AppState& state)
 
     // The split does not depend on the band width: made once, then every width only
     // re-orders the same pieces.
-    std::vector<std::string> playLines;
-    const std::vector<std::string> noteLines = pairNotes(state.Liste_tran, playLines);
-    SplitResult split = planSplit(noteLines, fractionner, values, state.scale);
+    Arrangement arranged = songArrangement(state);
+    SplitResult split = planSplit(arranged.noteLines, fractionner, values, state.scale);
     const std::vector<Piece>& pieces = split.pieces;
 
     const double current = leadingNumber(state.settings.Fourchette);
@@ -260,11 +281,7 @@ Result<double, PlanError> searchBestWidth(AppState& state)
     state.recherche_largeur = false;
     // The split stays as the song's plan, as Genere_GCode(state, false, ...) would make it:
     // the band width takes no part in it.
-    state.Liste_play = std::move(playLines);
-    state.List_GC_Ycroissant = std::move(split.pieces);
-    state.notes_hors_gamme = split.notes_hors_gamme;
-    state.piste_courante = split.piste_courante;
-    state.rollCleanup = split.cleanup;
+    keepSplit(state, arranged, std::move(split));
     if (bestWidth != current)
         state.settings.Fourchette = plainNumber(bestWidth);
     return bestWidth;

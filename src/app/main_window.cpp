@@ -36,6 +36,7 @@
 #include <iterator>
 
 #include "app/app_state.h"
+#include "app/arranging.h"
 #include "app/folders_qt.h"
 #include "app/genere_gcode.h"
 #include "app/marks.h"
@@ -172,6 +173,8 @@ struct MainWindow::Private {
     QAction* liveFoldsAction = nullptr;
     QAction* foldFileAction = nullptr;
     int foldHoldsSeen = 0;
+    QAction* bestTranspositionAction = nullptr;
+    QAction* verifyAction = nullptr;
     QAction* playAction = nullptr;
     QAction* playRollAction = nullptr;
 };
@@ -398,6 +401,12 @@ void MainWindow::buildMenus()
         QAction* a = d->uploadMenu->addAction(qs(entry.menuText), this, [this, board] { flashBoard(board); });
         a->setObjectName(qs(entry.handler));
     }
+    d->bestTranspositionAction =
+        tools->addAction(QStringLiteral("Best transposition"), this, &MainWindow::bestTransposition_Click);
+    d->bestTranspositionAction->setToolTip(
+        QStringLiteral("The shift (within two octaves) that loses the fewest notes of the song"));
+    d->verifyAction = tools->addAction(QStringLiteral("Verify"), this, [this] { verifyProgram(false); });
+    d->verifyAction->setToolTip(QStringLiteral("Reads the program back and checks it against the song"));
     tools->addSeparator();
     tools->addAction(QStringLiteral("Grbl soft reset"), this, [this] {
         if (!d->port->isOpen())
@@ -931,12 +940,63 @@ void MainWindow::Punch_button_Click()
         showMessage("Machine not connected");
         return;
     }
+    // The program is read back before the card is cut: a fault asks first (No by default).
+    if (!verifyProgram(true))
+        return;
+    startJob();
+}
+
+void MainWindow::startJob()
+{
+    if (busy() || d->playback.running())
+        return;
     auto program = readProgram(programPath(*d->state));
     if (!program)
         return;
     d->holdsSeen = 0;
     d->roll->setScrollValue(0);
     d->port->punch(std::move(*program));
+    refreshState();
+}
+
+bool MainWindow::verifyProgram(bool beforePunch)
+{
+    const auto check = verifyLastProgram(*d->state);
+    GrblLink& link = d->port->link();
+    if (!check) {
+        link.logLine("Verify: " + check.detail());
+        if (!beforePunch)
+            showMessage("The program cannot be verified: " + check.detail());
+        // A program that cannot be read back cannot be punched either: the job says why.
+        return true;
+    }
+    for (const std::string& line : check->report)
+        link.logLine(line);
+    if (check->ok() || !beforePunch)
+        return true;
+    std::string question = "The program would not cut the song as planned:\n";
+    for (std::size_t i = 0; i < check->report.size() && i < 6; ++i)
+        question += check->report[i] + "\n";
+    question += "\nPunch anyway?";
+    askYesNo(question, false, [this](bool yes) {
+        if (yes)
+            startJob();
+    });
+    return false;
+}
+
+void MainWindow::bestTransposition_Click()
+{
+    if (busy() || d->playback.running())
+        return;
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    const auto result = applyBestTransposition(*d->state, *d->store);
+    QApplication::restoreOverrideCursor();
+    if (!result)
+        return;
+    afterGeneration(bool(*result), *result ? std::string() : result->detail());
+    d->settings->showState();
+    refreshRoll();
     refreshState();
 }
 
@@ -1154,6 +1214,8 @@ void MainWindow::refreshState()
     d->playRollAction->setEnabled(!playing && !s.chemin_morceau.empty());
     d->Pause_button->setText(job.en_pause() ? QStringLiteral("Resume") : QStringLiteral("Pause"));
     d->settingsAction->setEnabled(!running && !flashing);
+    d->bestTranspositionAction->setEnabled(!running && !playing && !s.chemin_morceau.empty());
+    d->verifyAction->setEnabled(!s.chemin_morceau.empty() && s.punchEnabled);
     d->openAction->setEnabled(!running && !flashing && s.ouvre_midi_actif);
     d->liveFoldsAction->setEnabled(!running && !flashing && s.settings.isLaser());
     d->foldFileAction->setEnabled(!running && s.settings.isLaser() && !s.chemin_morceau.empty());

@@ -93,6 +93,13 @@ private:
     void writeFoldFile(int count);
     // A "Grbl upload" entry: the image found beside the program, or chosen.
     void flashBoard(GrblBoard board);
+    // "Verify": the program last written read back and checked against the song, the report in
+    // the log. Before Punch, a program with faults asks "Punch anyway?" (No by default) and
+    // false is returned; the job then starts only on Yes.
+    bool verifyProgram(bool beforePunch);
+    void startJob();
+    // "Best transposition": the shift that loses the fewest notes, set and the program made.
+    void bestTransposition_Click();
     // Form_KeyDown: the key table; true when the key was taken.
     bool Form_KeyDown(QKeyEvent* event);
     void Text1_KeyPress();

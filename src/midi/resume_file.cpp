@@ -119,6 +119,18 @@ void applyTable(std::string_view text, OrganScale& scale)
     }
 }
 
+// Settings recorded before a key existed were made as the program then did: every channel
+// on the roll, no transposition. Every recorded plan names the machine.
+void addKeysOfOlderPrograms(SettingList& settings)
+{
+    if (!settingValue(settings, "Type_machine"))
+        return;
+    for (const auto& [key, value] : {std::pair{"Channels", "1-16"}, std::pair{"Transpose", "0"}}) {
+        if (!settingValue(settings, key))
+            settings.emplace_back(key, value);
+    }
+}
+
 }  // namespace
 
 bool isResumePath(std::string_view path)
@@ -158,6 +170,7 @@ Result<ResumeFile, ResumeFileError> readResumeFile(const std::string& path, std:
     content.restartLine = static_cast<long long>(*line);
     content.Fourchette = lines[3];
     content.settings = keyValues(lines, 4, skippedLines);
+    addKeysOfOlderPrograms(content.settings);
     return content;
 }
 
@@ -333,7 +346,7 @@ Result<std::string, ResumeFileError> writeProgramRecord(const std::string& progr
 }
 
 Result<ProgramRecord, ResumeFileError> readProgramRecord(const std::string& programPath,
-                                                         std::string_view programText)
+                                                         std::string_view programText, bool* textMatches)
 {
     const std::string path = programRecordPath(programPath);
     std::vector<std::string> lines;
@@ -350,8 +363,12 @@ Result<ProgramRecord, ResumeFileError> readProgramRecord(const std::string& prog
         else
             record.settings.emplace_back(std::move(key), std::move(value));
     }
-    if (hash != textHash(programText))
+    const bool matches = hash == textHash(programText);
+    if (textMatches)
+        *textMatches = matches;
+    else if (!matches)
         return fail(ResumeFileError::OtherProgram, path);
+    addKeysOfOlderPrograms(record.settings);
     return record;
 }
 

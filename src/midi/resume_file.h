@@ -118,8 +118,14 @@ Result<std::string, ResumeFileError> writeProgramRecord(const std::string& progr
                                                         const std::string& songPath,
                                                         std::string_view programText,
                                                         const SettingList& settings);
-// Reads the record beside programPath; OtherProgram when it was written for another text.
+// Reads the record beside programPath; OtherProgram when it was written for another text,
+// unless textMatches is given: it then tells whether it was, and the record is returned
+// either way (a program edited by hand keeps the values it was made with). The settings of a
+// record, or a resume file, that name Type_machine but not Channels or Transpose were
+// written before those existed, and read as programs were then made: Channels=1-16 and
+// Transpose=0.
 Result<ProgramRecord, ResumeFileError> readProgramRecord(const std::string& programPath,
-                                                         std::string_view programText);
+                                                         std::string_view programText,
+                                                         bool* textMatches = nullptr);
 
 }  // namespace veltrin

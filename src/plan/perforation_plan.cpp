@@ -111,6 +111,21 @@ long long digitsValue(const char* text, int count)
     return value;
 }
 
+// Whether a NOTE or NOOF line belongs to a note of a channel left out: a NOTE line whose
+// channel (columns 21-25) is a channel 1-16 outside channels, counted in leftOut, and the NOOF
+// line after it, which closes it. dropping carries the NOTE's verdict to its NOOF.
+bool leftOutChannel(std::string_view line, const ChannelSet& channels, std::array<int, 17>& leftOut, bool isNote,
+                    bool& dropping)
+{
+    if (!isNote)
+        return std::exchange(dropping, false);
+    const long long channel = line.size() < 25 ? -1 : digitsValue(line.data() + 20, 5);
+    dropping = channel >= 1 && channel <= 16 && !channels.has(static_cast<int>(channel));
+    if (dropping)
+        ++leftOut[static_cast<std::size_t>(channel)];
+    return dropping;
+}
+
 // The pairing as numbers: each note line "SSSSSSS NNN EEEEEEE" as S << 34 | N << 24 | E,
 // each playback line "TTTTTTT NNN NOTE" / "TTTTTTT NNN NOOF" as T << 11 | N << 1 | (1 for
 // NOTE, 0 for NOOF, which sorts first). Times (7 digits) take 24 bits and note numbers
@@ -118,16 +133,20 @@ long long digitsValue(const char* text, int count)
 // numbers are equal lines. This holds when every NOTE and NOOF line has the decoder's
 // layout (digits in the time and note columns, a blank after the time) and every NOOF
 // closes an open note; false otherwise, and the lines are then made as text.
-bool pairAsNumbers(const std::vector<std::string>& Liste_tran, std::vector<std::uint64_t>& noteKeys,
+bool pairAsNumbers(const std::vector<std::string>& Liste_tran, const ChannelSet& channels,
+                   std::array<int, 17>& leftOut, std::vector<std::uint64_t>& noteKeys,
                    std::vector<std::uint64_t>& playKeys)
 {
     long long pendingStart = -1;  // start of the note opened last and not yet closed
     long long note = -1;          // its number
+    bool dropping = false;        // the note opened last is of a channel left out
     for (const std::string& line : Liste_tran) {
         if (line.size() < 4)
             continue;
         const bool isNote = std::memcmp(line.data(), "NOTE", 4) == 0;
         if (!isNote && std::memcmp(line.data(), "NOOF", 4) != 0)
+            continue;
+        if (leftOutChannel(line, channels, leftOut, isNote, dropping))
             continue;
         if (line.size() < 13 || line[12] != ' ')
             return false;
@@ -154,11 +173,12 @@ bool pairAsNumbers(const std::vector<std::string>& Liste_tran, std::vector<std::
 }
 
 // The pairing as text, for event lines of any content.
-void pairAsText(const std::vector<std::string>& Liste_tran, std::vector<std::string>& notes,
-                std::vector<std::string>& playLines)
+void pairAsText(const std::vector<std::string>& Liste_tran, const ChannelSet& channels, std::array<int, 17>& leftOut,
+                std::vector<std::string>& notes, std::vector<std::string>& playLines)
 {
     std::string pending;
     std::string_view lastNote;  // note number of the last NOTE line, for the NOOF playback line
+    bool dropping = false;
     auto playLine = [&](std::string_view line, std::string_view what) {
         std::string& play = playLines.emplace_back();
         play.reserve(16);
@@ -166,6 +186,9 @@ void pairAsText(const std::vector<std::string>& Liste_tran, std::vector<std::str
     };
     for (const std::string& line : Liste_tran) {
         const std::string_view keyword = mid(line, 1, 4);
+        if ((keyword == "NOTE" || keyword == "NOOF") &&
+            leftOutChannel(line, channels, leftOut, keyword == "NOTE", dropping))
+            continue;
         if (keyword == "NOTE") {
             lastNote = mid(line, 29, 3);
             pending.assign(mid(line, 6, 7)).append(" ").append(lastNote);
@@ -316,7 +339,8 @@ PlanValues planValues(const Settings& settings, const OrganScale& scale)
 }
 
 std::vector<std::string> pairNotes(const std::vector<std::string>& Liste_tran,
-                                   std::vector<std::string>& playLines)
+                                   std::vector<std::string>& playLines, const ChannelSet& channels,
+                                   std::array<int, 17>* leftOut)
 {
     std::vector<std::string> notes;
     playLines.clear();
@@ -324,12 +348,18 @@ std::vector<std::string> pairNotes(const std::vector<std::string>& Liste_tran,
     std::vector<std::uint64_t> playKeys;
     noteKeys.reserve(Liste_tran.size() / 2);
     playKeys.reserve(Liste_tran.size());
-    if (!pairAsNumbers(Liste_tran, noteKeys, playKeys)) {
+    std::array<int, 17> dropped{};
+    if (!pairAsNumbers(Liste_tran, channels, dropped, noteKeys, playKeys)) {
         notes.reserve(Liste_tran.size() / 2);
         playLines.reserve(Liste_tran.size());
-        pairAsText(Liste_tran, notes, playLines);
+        dropped.fill(0);
+        pairAsText(Liste_tran, channels, dropped, notes, playLines);
+        if (leftOut)
+            *leftOut = dropped;
         return notes;
     }
+    if (leftOut)
+        *leftOut = dropped;
     // The lines of a decoded song: sorted as numbers, then written out.
     notes.reserve(noteKeys.size());
     playLines.reserve(playKeys.size());

@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "base/numeric_text.h"
+#include "plan/arrangement.h"
 
 namespace veltrin {
 
@@ -209,6 +210,16 @@ std::optional<std::string> settingsRefusal(const Settings& s, const OrganScale& 
                            " mm: every short note would become a hole this long");
     if (auto r = numberRule("Fourchette", s.Fourchette, "the band width of the travel order", "mm", Floor::ZeroOrMore))
         return r;
+    if (!parseTranspose(s.Transpose))
+        return refusal("Transpose", s.Transpose,
+                       "the transposition must be a whole number of semitones from -" + std::to_string(kMaxTranspose) +
+                           " to " + std::to_string(kMaxTranspose) + ", or auto (the shift that loses the fewest notes)");
+    if (!parseChannels(s.Channels))
+        return refusal("Channels", s.Channels,
+                       trimmed(s.Channels).empty()
+                           ? "no channel would go on the roll: list the MIDI channels to place, from 1 to 16, such as 1-9,11-16"
+                           : "the channels must be MIDI channel numbers or ranges from 1 to 16 separated by commas, such as "
+                             "1-9,11-16 (every channel but the percussion channel 10) or 1-16");
     if (laser) {
         if (auto r = numberRule("duree_metre_laser", s.duree_metre_laser,
                                 "the learned laser time (999 = not learned yet)", "s per mm", Floor::ZeroOrMore))

@@ -4,6 +4,7 @@
 // Genere_GCode (app/genere_gcode.h) chains them on an AppState; tests and the width search call
 // them directly.
 
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "base/settings.h"
+#include "plan/arrangement.h"
 #include "plan/piece.h"
 #include "plan/roll_cleanup.h"
 #include "scales/organ_scale.h"
@@ -49,9 +51,13 @@ int bandTime(double fourchetteMm, double Vitcarton);
 // Pairing: each "NOOF" line closes the note of the "NOTE" line last met, giving one note line
 // "SSSSSSS NNN EEEEEEE" (start and note number as they stand in the NOTE line, end time of
 // the NOOF); the note lines come back in text order. playLines receives the playback lines
-// "TTTTTTT NNN NOTE" / "TTTTTTT NNN NOOF", sorted.
+// "TTTTTTT NNN NOTE" / "TTTTTTT NNN NOOF", sorted. A NOTE line of a channel (columns 21-25)
+// outside channels is skipped with the NOOF line after it, and counted in leftOut (by
+// channel) when given; a line without a readable channel is kept.
 std::vector<std::string> pairNotes(const std::vector<std::string>& Liste_tran,
-                                   std::vector<std::string>& playLines);
+                                   std::vector<std::string>& playLines,
+                                   const ChannelSet& channels = ChannelSet::every(),
+                                   std::array<int, 17>* leftOut = nullptr);
 
 struct SplitResult {
     std::vector<Piece> pieces;  // in plan order (start, track, end)

@@ -187,6 +187,44 @@ TEST_F(MainWindowTest, OpenedSongIsDrawnAndItsSettingEditsRedrawTheRoll)
     EXPECT_FALSE(button("Punch_button")->isEnabled());
 }
 
+// Best transposition sets Transpose and remakes the program; Punch reads the program back
+// first, and a program that lost a hole asks before any card is cut.
+TEST_F(MainWindowTest, BestTranspositionThenPunchVerifiesTheProgramFirst)
+{
+    window().startUp(false);
+    window().openFiles({m_song});
+    window().action(QStringLiteral("Best transposition"))->trigger();
+    EXPECT_NE(log().find("Best transposition"), std::string::npos) << log();
+    EXPECT_NE(m_state.settings.Transpose, "auto");
+    EXPECT_EQ(m_store.read("Transpose"), m_state.settings.Transpose);
+    EXPECT_EQ(window().settingsDialog().findChild<QLineEdit*>(QStringLiteral("Transpose"))->text().toStdString(),
+              m_state.settings.Transpose);
+
+    // The first hole's lines taken out of the program, as a careless hand edit would.
+    const std::string path = programPath(m_state);
+    std::vector<std::string> lines;
+    {
+        std::ifstream in(path);
+        for (std::string line; std::getline(in, line);)
+            lines.push_back(line);
+    }
+    ASSERT_FALSE(m_state.writtenHoles.empty());
+    const auto first = static_cast<std::size_t>(m_state.writtenHoles.front().second);
+    lines.erase(lines.begin() + static_cast<long>(first), lines.begin() + static_cast<long>(first + 5));
+    {
+        std::ofstream out(path);
+        for (const std::string& line : lines)
+            out << line << '\n';
+    }
+    window().Simulate_Click();
+    QTest::mouseClick(button("Punch_button"), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([] { return box("questionBox") != nullptr; }, 3000)) << log();
+    EXPECT_NE(box("questionBox")->text().indexOf(QStringLiteral("Punch anyway?")), -1);
+    box("questionBox")->button(QMessageBox::No)->click();
+    QTest::qWait(100);
+    EXPECT_FALSE(window().machine().link().jobRunning()) << "No: nothing is sent";
+}
+
 TEST_F(MainWindowTest, StripClicksSetTheMarksAndWriteThePartialProgram)
 {
     showAndFocus();

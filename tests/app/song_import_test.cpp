@@ -4,7 +4,10 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 
+#include "app/arranging.h"
 #include "app/genere_gcode.h"
+#include "app/marks.h"
+#include "app/roll_snapshot.h"
 #include "midi/resume_file.h"
 #include "scales/scale_file.h"
 #include "support/midi_bytes.h"
@@ -228,6 +231,54 @@ TEST_F(SongImport, UnreadableResumeFileOrProgramAreReported)
     ASSERT_FALSE(report.ok());
     EXPECT_EQ(report.error(), ImportError::ProgramNotWritten);
     EXPECT_FALSE(state.chemin_morceau.empty()) << "the song is loaded all the same";
+}
+
+// A song the 27-29 scale plays only three semitones down: the report names what it loses,
+// "Best transposition" finds the shift, saves it and makes the program again, and the
+// program then verifies against the song, between marks too.
+TEST_F(SongImport, BestTranspositionSavesTheShiftAndTheProgramThenVerifies)
+{
+    const std::string path = song("low.mid", {{0, 300, 51}, {400, 700, 53}, {800, 1100, 56}, {1200, 1500, 58},
+                                              {1600, 1900, 60}, {2000, 2300, 63}, {2400, 2700, 65}});
+    state.demarrage_fini = true;
+    ASSERT_TRUE(Ouvre_midi(state, {path}, 0, options).ok());
+    EXPECT_EQ(state.notes_hors_gamme, 4);
+    EXPECT_TRUE(logged("Notes outside the organ scale : D#2 \u00d71 from 0:00.0, G#2 \u00d71 from 0:00.8, "
+                       "A#2 \u00d71 from 0:01.2, D#3 \u00d71 from 0:02.0"));
+    const auto lost = rollPictureOf(state).dropped;
+    EXPECT_EQ(lost.size(), 4u) << "the roll shows the lost notes faintly";
+
+    const auto best = bestTransposition(state);
+    ASSERT_TRUE(best);
+    EXPECT_EQ(best->semitones, -3);
+    EXPECT_EQ(best->asWritten.notes, 4);
+    EXPECT_EQ(best->shifted.notes, 0);
+    auto written = applyBestTransposition(state, store);
+    ASSERT_TRUE(written && written->ok());
+    EXPECT_EQ(store.read("Transpose"), "-3");
+    EXPECT_TRUE(logged("Best transposition : \u22123 (4 \u2192 0 notes lost)"));
+    EXPECT_TRUE(logged("Transposed \u22123: 4 \u2192 0 notes lost"));
+    EXPECT_EQ(state.notes_hors_gamme, 0);
+    EXPECT_EQ(holeYs(readText(written->value())).size(), 7u);
+    EXPECT_TRUE(rollPictureOf(state).dropped.empty());
+
+    auto check = verifyLastProgram(state);
+    ASSERT_TRUE(check.ok()) << check.detail();
+    EXPECT_TRUE(check->ok()) << check->report.back();
+    EXPECT_TRUE(check->againstSong);
+    ASSERT_TRUE(setStartMark(state, 1000.5).ok());
+    ASSERT_TRUE(setEndMark(state, 2100).ok());
+    check = verifyLastProgram(state);
+    ASSERT_TRUE(check.ok());
+    EXPECT_TRUE(check->ok()) << check->report.back();
+    EXPECT_EQ(check->notes.size(), 3u) << "the notes between the marks";
+    EXPECT_TRUE(logged("Transposed \u22123: 4 \u2192 0 notes lost")) << "each report tells it";
+
+    resetSongPlan(state);
+    state.chemin_morceau.clear();
+    EXPECT_FALSE(bestTransposition(state));
+    EXPECT_FALSE(applyBestTransposition(state, store));
+    EXPECT_FALSE(verifyLastProgram(state).ok());
 }
 
 TEST(SimulationSwitch, AlwaysLeavesTheOpenCommandAvailable)

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "midi/midi_builder.h"
 #include "support/midi_bytes.h"
 #include "support/run_cli.h"
 
@@ -409,6 +410,58 @@ TEST_F(CliConvert, DecoderErrorIsPrintedAndTheProgramStillWritten)
               std::string::npos)
         << run.err;
     EXPECT_EQ(run.out.back(), (temp() / "cut.gcode").string());
+}
+
+// A song with drums: channel 10's notes are pitches to no organ. They stay off the roll unless
+// the channels say otherwise; the report counts them, names the notes the scale loses and
+// tells what a transposition saves.
+TEST_F(CliConvert, DrumsStayOffTheRollAndTheReportNamesWhatTheScaleLoses)
+{
+    // Channel 1: 51 53 56 58 60 63 65, which the 27-29 scale plays only three semitones down;
+    // channel 10: a bass drum and a snare (36 and 38, which the scale does not play) and a
+    // pedal hi-hat (44, which it plays once shifted). One tick is one ms.
+    test::Bytes body;
+    int at = 0;
+    const auto note = [&](int start, int length, int key, int channel) {
+        body = test::cat({body, test::msg(static_cast<std::uint32_t>(start - at), static_cast<std::uint8_t>(0x90 + channel - 1),
+                                          static_cast<std::uint8_t>(key), 100),
+                          test::msg(static_cast<std::uint32_t>(length), static_cast<std::uint8_t>(0x80 + channel - 1),
+                                    static_cast<std::uint8_t>(key), 0)});
+        at = start + length;
+    };
+    int t = 0;
+    for (const int key : {51, 53, 56, 58, 60, 63, 65})
+        note(t += 500, 300, key, 1);
+    note(t += 500, 100, 36, 10);
+    note(t += 500, 100, 38, 10);
+    note(t += 500, 100, 63, 10);
+    const auto drums = dir.path() / "drums.mid";
+    testing::writeFile(drums, test::song(0, 500, {test::cat({body, test::kEndOfTrack})}));
+    const auto holes = [&] { return testing::holeYs(readText(temp() / "drums.gcode")).size(); };
+
+    ConvertRun run = convert({drums.string(), "--defaults"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(run.has("--->  4 notes are not in the organ scale"));
+    const auto ready = std::find(run.out.begin(), run.out.end(), "Ready to punch");
+    ASSERT_LE(std::distance(ready, run.out.end()), 6);
+    EXPECT_EQ(std::vector<std::string>(ready + 1, ready + 5),
+              (std::vector<std::string>{"", "Channel 10 left out (Channels = 1-9,11-16) : 3 notes",
+                                        "Notes outside the organ scale : D#2 \u00d71 from 0:00.5, G#2 \u00d71 from 0:01.5, "
+                                        "A#2 \u00d71 from 0:02.0, D#3 \u00d71 from 0:03.0",
+                                        ""}));
+    EXPECT_EQ(holes(), 3u);
+
+    run = convert({drums.string(), "--defaults", "--set", "Transpose=auto"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(run.has("Transposed \u22123 (auto): 4 \u2192 0 notes lost"));
+    EXPECT_FALSE(run.has("ATTENTION : "));
+    EXPECT_EQ(holes(), 7u);
+
+    run = convert({drums.string(), "--defaults", "--set", "Channels=1-16", "--set", "Transpose=-3"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(run.has("Transposed \u22123: 7 \u2192 2 notes lost"));
+    EXPECT_TRUE(run.has("Notes outside the organ scale : A0 \u00d71 from 0:04.0, B0 \u00d71 from 0:04.5"));
+    EXPECT_EQ(holes(), 8u) << "the hi-hat's 63, three down, is a pitch of the scale";
 }
 
 }  // namespace

@@ -41,6 +41,33 @@ TEST(ResumeFile, WritesFourCrLfLinesAtomicallyAndReadsThemBack)
     EXPECT_EQ(resumePathFor("/songs/a.mid"), "/songs/a.mid.rep");
 }
 
+// A program made before the channels and the transposition were settings placed every channel
+// unshifted: its resume file and record say so when read, and a newer one keeps its own.
+TEST(ResumeFile, SettingsOfOlderProgramsPlaceEveryChannelUnshifted)
+{
+    testing::TempDir dir;
+    const std::string path = (dir.path() / "valse.mid.rep").string();
+    testing::writeText(path, "/songs/valse.mid\r\n0\r\n0\r\n7\r\nType_machine=Laser\r\nVitcarton=80\r\n");
+    auto read = readResumeFile(path);
+    ASSERT_TRUE(read.ok());
+    EXPECT_EQ(read->settings, (SettingList{{"Type_machine", "Laser"}, {"Vitcarton", "80"}, {"Channels", "1-16"},
+                                           {"Transpose", "0"}}));
+    testing::writeText(path, "/songs/valse.mid\r\n0\r\n0\r\n7\r\nType_machine=Laser\r\nChannels=2\r\nTranspose=auto\r\n");
+    read = readResumeFile(path);
+    ASSERT_TRUE(read.ok());
+    EXPECT_EQ(settingValue(read->settings, "Channels"), "2");
+    EXPECT_EQ(settingValue(read->settings, "Transpose"), "auto");
+
+    const std::string program = (dir.path() / "valse.gcode").string();
+    ASSERT_TRUE(writeProgramRecord(program, "/songs/valse.mid", "G0 X1\r\n", {{"Type_machine", "Punch"}}).ok());
+    bool matches = true;
+    auto record = readProgramRecord(program, "G0 X2\r\n", &matches);
+    ASSERT_TRUE(record.ok()) << "an edited program keeps the values it was made with";
+    EXPECT_FALSE(matches);
+    EXPECT_EQ(settingValue(record->settings, "Channels"), "1-16");
+    EXPECT_FALSE(readProgramRecord(program, "G0 X2\r\n").ok());
+}
+
 // A broken number on line 2, 3 or 4 refuses the file, naming the line: read as 0 it would
 // cut the whole roll again.
 TEST(ResumeFile, BrokenNumbersAreRefusedNamingTheLine)

@@ -75,6 +75,17 @@ TEST_F(GenerationChecks, EachRefusedSettingIsNamedWithItsValueAndNothingIsWritte
         {"Laser", "Fourchette", "abc", PlanError::SettingRefused, "Fourchette = \"abc\": the band width of the travel order must be a number of 0 or more"},
         {"Laser", "RollCleanup", "yes", PlanError::SettingRefused, "RollCleanup = \"yes\": the roll cleanup must be 0 (off) or 1 (on)"},
         {"Laser", "MinHoleLength", "-3", PlanError::SettingRefused, "MinHoleLength = \"-3\": the shortest hole must be a number of 0 or more"},
+        {"Laser", "Transpose", "abc", PlanError::SettingRefused, "Transpose = \"abc\": the transposition must be a whole number of semitones from -24 to 24, or auto"},
+        {"Laser", "Transpose", "99", PlanError::SettingRefused, "Transpose = \"99\": the transposition must be a whole number"},
+        {"Laser", "Transpose", "-25", PlanError::SettingRefused, "Transpose = \"-25\""},
+        {"Laser", "Transpose", "2.5", PlanError::SettingRefused, "Transpose = \"2.5\""},
+        {"Laser", "Transpose", "", PlanError::SettingRefused, "Transpose = \"\""},
+        {"Laser", "Channels", "0-3", PlanError::SettingRefused, "Channels = \"0-3\": the channels must be MIDI channel numbers or ranges from 1 to 16 separated by commas"},
+        {"Laser", "Channels", "17", PlanError::SettingRefused, "Channels = \"17\": the channels must be"},
+        {"Laser", "Channels", "9-1", PlanError::SettingRefused, "Channels = \"9-1\": the channels must be"},
+        {"Laser", "Channels", "1-9,", PlanError::SettingRefused, "Channels = \"1-9,\": the channels must be"},
+        {"Laser", "Channels", "drums", PlanError::SettingRefused, "Channels = \"drums\": the channels must be"},
+        {"Laser", "Channels", " ", PlanError::SettingRefused, "Channels = \" \": no channel would go on the roll"},
         {"Laser", "duree_metre_laser", "n/a", PlanError::SettingRefused, "duree_metre_laser = \"n/a\""},
         // Sizes whose numbers would put the program beyond the machine or Grbl's line.
         {"Laser", "Talon", "1e150", PlanError::SettingRefused, "Talon = \"1e150\": track 0 would lie at X 1e+150 mm; coordinates must stay within +-99999 mm"},
@@ -139,6 +150,8 @@ TEST_F(GenerationChecks, OddValuesThatGrblReadsWellStillMakeAProgram)
         {"Laser", "OrigineX", "0"},        {"Laser", "Fourchette", "0"},      {"PUNCH", "L_poincon", "2.2"},
         {"punch", "Dist_ponts", "0"},      {"Laser", "Laser_mode", "M4"},     {"Laser", "Gen_entete", "0"},
         {"Punch", "Laser_power", "abc"},   {"Laser", "L_poincon", "0"},       {"Laser", "BassesAF", "0"},
+        {"Laser", "Transpose", " AUTO "},  {"Laser", "Transpose", "-24"},     {"Laser", "Transpose", "+3"},
+        {"Laser", "Channels", "1-16"},     {"Laser", "Channels", " 10 "},     {"Laser", "Channels", "1, 3 ,5-8,5"},
         // Bridges off: Dist_ponts is not read.
         {"Laser", "Dist_ponts", "x"},
         // No header: the origin is not written.

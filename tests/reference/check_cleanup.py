@@ -70,6 +70,7 @@ def check_one(cli, song, machine, scale, sets, work, env):
     plan = ref_holes.Plan(machine, scale, None, sets)
     out = os.path.join(work.path, "cleanup.gcode")
     cmd = [cli, "convert", song, "--defaults", "--machine", machine, "--scale", scale, "--out", out]
+    cmd += ["--set", "Channels=1-16", "--set", "Transpose=0"]  # the model's notes: every channel, unshifted
     cmd += [a for k, v in sets.items() for a in ("--set", "%s=%s" % (k, v))]
     rc, log, err = run(cmd, env)
     if rc != 0:

@@ -8,7 +8,8 @@ some songs) the program of `veltrin-cli convert SONG --defaults ...` must have t
 fixed lines of the reference, CR LF line ends, moves in blocks of the right shape,
 numbers in their shortest 15-digit text, the reference's multiset of holes (travel
 order ignored) and the report lines that do not depend on the travel order.  The model
-is the plan without the roll cleanup: every conversion runs with --set RollCleanup=0.
+is the plan without the roll cleanup, of every MIDI channel, with no transposition: every
+conversion runs with --set RollCleanup=0 --set Channels=1-16 --set Transpose=0.
 """
 
 import collections
@@ -179,7 +180,8 @@ def check_one(cli, song, machine, scale, sets, work, env, scale_file=None, marks
                 for h in plan.holes(events.decode("latin-1").split("\n"), start_mark, end_mark)]
     out = os.path.join(work.path, "%s_%s_%d.gcode" % (title, machine, abs(hash((scale, str(sets), marks)))))
     cmd = [cli, "convert", song, "--defaults", "--machine", machine, "--scale", scale, "--out", out]
-    cmd += ["--set", "RollCleanup=0"]  # the model is the plan without the roll cleanup
+    cmd += ["--set", "RollCleanup=0"]  # the model is the plan without the roll cleanup,
+    cmd += ["--set", "Channels=1-16", "--set", "Transpose=0"]  # of every channel, unshifted
     cmd += [a for k, v in sets.items() for a in ("--set", "%s=%s" % (k, v))]
     if marks:
         cmd += ["--start-mark", repr(start_mark)]

@@ -11,7 +11,8 @@ log printed on standard output, every report included (run with
 LC_ALL=C, so the report's decimal separator is ".").  Settings live in a temporary
 config folder (XDG_CONFIG_HOME), the Documents folder is a temporary one
 (VELTRIN_DOCUMENTS) holding the scale files.  The model is the plan without the roll
-cleanup, so every conversion runs with --set RollCleanup=0.
+cleanup, of every MIDI channel and with no transposition, so every conversion runs with
+--set RollCleanup=0 --set Channels=1-16 --set Transpose=0.
 
 --fresh-track: the model starts every generation with derniere_piste 0 instead of
 the track that the previous generation (the last one of the width search) ended on.
@@ -182,7 +183,8 @@ def check_one(cli, song, events, config, work, env, scale_files, fresh_track):
     for f in os.listdir(temp):
         os.remove(os.path.join(temp, f))
     cmd = [cli, "convert", song, "--machine", machine, "--scale", scale]
-    cmd += ["--set", "RollCleanup=0"]  # the model is the plan without the roll cleanup
+    cmd += ["--set", "RollCleanup=0"]  # the model is the plan without the roll cleanup,
+    cmd += ["--set", "Channels=1-16", "--set", "Transpose=0"]  # of every channel, unshifted
     # A --set Fourchette is used as given, with no search: the current width of a search is
     # a stored one, the other settings at their defaults.
     stored = {k: v for k, v in sets.items() if search and k == "Fourchette"}

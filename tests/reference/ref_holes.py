@@ -108,10 +108,13 @@ class Plan:
         pont = self.temps_pont
         pieces = []
         self.out_of_scale = 0
+        self.lost = {}  # note number -> [count, first start] of the notes no track plays
         for line in self.note_lines(events):
             start, note, end = val(line[0:7]), val(line[8:11]), val(line[12:19])
             if note not in self.notes:
                 self.out_of_scale += 1
+                count, first = self.lost.get(note, (0, start))
+                self.lost[note] = (count + 1, min(first, start))
                 continue
             piste = self.notes.index(note)
             if fractionner and end - start >= morceau:

@@ -32,6 +32,8 @@ line by line.  Readings taken where the description leaves room:
   - the estimated duration is rounded to the nearest second (half up) and wraps at a day.
   - the width written into Fourchette by the search does not trigger a further
     generation of its own (only the import's Genere_GCode reports).
+  - after each report, when notes are out of the scale, one line names them (see
+    Converter.lost_notes) and an empty line follows.
 """
 
 import argparse
@@ -299,15 +301,31 @@ class Converter:
         program, t = self.generate(fourchette)
         between = None
         if start_mark is None and end_mark is None:
-            log += self.report(t) + self.no_hole(t)
+            log += self.report(t) + self.no_hole(t) + self.lost_notes()
             return log, program, between
         # with a mark, only the program between the marks is reported (both marks: written once)
         smark = start_mark if start_mark is not None else 0.0
         emark = end_mark if end_mark is not None else UNSET_END
         log.append("Gcode writing between marks")
         between, t = self.write(self.finale, smark, emark)
-        log += self.report(t, smark, emark) + self.no_hole(t, smark > 0 or emark != UNSET_END)
+        log += self.report(t, smark, emark) + self.no_hole(t, smark > 0 or emark != UNSET_END) + self.lost_notes()
         return log, program, between
+
+    def lost_notes(self):
+        """After the report: the notes no track plays by name (middle C, 60, is C3), lowest
+        first, with their count and the first one's time (m:ss.t, tenths rounded down)."""
+        lost = self.plan.lost
+        if not lost:
+            return []
+        names = ["C", "C#", "D", "D#", "E", "F", "F#", "G", "G#", "A", "A#", "B"]
+
+        def when(ms):
+            tenths = int(ms // 100)
+            return "%d:%02d.%d" % (tenths // 600, tenths // 10 % 60, tenths % 10)
+
+        parts = ["%s%d \u00d7%d from %s" % (names[int(n) % 12], int(n) // 12 - 2, c, when(f))
+                 for n, (c, f) in sorted(lost.items())]
+        return ["Notes outside the organ scale : " + ", ".join(parts), ""]
 
     @staticmethod
     def no_hole(t, between_marks=False):
