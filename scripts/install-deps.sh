@@ -10,6 +10,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
   # Qt 6 (widgets, serial port)
   qt6-base-dev qt6-base-dev-tools qt6-serialport-dev libgl-dev
+  # the roll on paper: SVG files (PDF is in qt6-base-dev)
+  qt6-svg-dev
   # MIDI output, built-in synthesizer and its General MIDI sound font
   librtmidi-dev libfluidsynth-dev fluid-soundfont-gm
   # command line parsing

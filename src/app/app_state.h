@@ -129,6 +129,9 @@ struct AppState {
     bool pointeur_laser = false;
     // Text2: the job's remaining time, "hh:mm:ss".
     std::string Text2 = "00:00:00";
+    // The machine's own settings, the "$N=value" lines of its last "$$" answer (the window keeps
+    // them per port between runs); empty: Grbl's defaults. The machine-time model reads them.
+    std::vector<std::string> grblSettingsLines;
     // Liste_commentaires_grbl ("Grbl comments list"): the explanations of the "$$" lines.
     std::vector<std::string> Liste_commentaires_grbl;
 };

@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "app/arranging.h"
+#include "app/grbl_link.h"
 #include "app/song_plan_scope.h"
 #include "base/numeric_text.h"
 #include "midi/resume_file.h"
@@ -213,8 +214,13 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
     report.duree_metre_laser = leadingNumber(state.settings.duree_metre_laser);
     report.duree_trou_poincon = leadingNumber(state.settings.duree_trou_poincon);
     report.decimalSeparator = state.reportDecimalSeparator;
-    for (const std::string& line : reportLines(report))
+    for (const std::string& line : reportLines(report)) {
         state.user_msg_list.append(line);
+        // Beside the writer's figure, the time Grbl's planner will really take with this
+        // machine's rates and accelerations.
+        if (line.starts_with("Estimated punch duration"))
+            state.user_msg_list.append(machineTimeLine(estimateProgramText(program.text, machineSettings(state)).seconds));
+    }
     // A program of no hole is written (the song may be meant so), but never silently.
     if (state.writtenHoles.empty()) {
         state.user_msg_list.append(std::string("Warning: No hole to cut: no note of the song ") +

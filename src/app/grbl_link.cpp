@@ -8,6 +8,14 @@
 
 namespace veltrin {
 
+GrblSettings machineSettings(const AppState& state)
+{
+    if (state.grblSettingsLines.empty())
+        return GrblSettings::defaults();
+    auto parsed = parseSettingsList(state.grblSettingsLines);
+    return parsed ? parsed.value() : GrblSettings::defaults();
+}
+
 JobProgram programForJob(const AppState& state, std::vector<std::string> lines, std::string fileName)
 {
     JobProgram program;
@@ -26,6 +34,8 @@ JobProgram programForJob(const AppState& state, std::vector<std::string> lines, 
     program.laser = made.isLaser();
     program.Vitcarton = leadingNumber(made.Vitcarton);
     program.L_poincon = leadingNumber(made.L_poincon);
+    program.machineTime = estimateProgram(program.lines, machineSettings(state));
+    program.estimatedSeconds = program.machineTime->seconds;
     return program;
 }
 
@@ -591,9 +601,24 @@ void GrblLink::statusLine(std::string_view line)
     }
 }
 
+void GrblLink::rememberSetting(std::string_view line)
+{
+    // "$110=500.000": the lines of one setting replace each other.
+    const std::string_view key = line.substr(0, line.find('=') + 1);
+    auto& lines = m_state->grblSettingsLines;
+    const auto same = std::find_if(lines.begin(), lines.end(),
+                                   [key](const std::string& known) { return known.starts_with(key); });
+    if (same != lines.end())
+        *same = std::string(line);
+    else
+        lines.emplace_back(line);
+}
+
 void GrblLink::onLine(std::string_view line)
 {
     const Reply reply = classifyReply(line);
+    if (reply.kind == ReplyKind::Setting)
+        rememberSetting(line);
     const bool probeReleased = reply.kind == ReplyKind::Banner && m_probeUncertain;
     if (reply.kind == ReplyKind::Banner) {
         m_owedResponses = 0;  // a restart cancels every answer still owed

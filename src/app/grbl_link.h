@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "folding/fold_marker.h"
+#include "machine/grbl_planner.h"
 #include "machine/grbl_protocol.h"
 #include "machine/job_streamer.h"
 
@@ -45,6 +46,9 @@ public:
 // A job for the program lines of the current song (chemin_morceau), with the machine type,
 // roll speed, punch size and Fourchette of the settings.
 JobProgram programForJob(const AppState& state, std::vector<std::string> lines, std::string fileName);
+
+// The machine's settings for the machine-time model: its last "$$" answer, or Grbl's defaults.
+GrblSettings machineSettings(const AppState& state);
 
 // The link's clocks. Tests shorten them; statusEveryMs 0 turns polling and the watchdog off.
 struct LinkTimings {
@@ -212,6 +216,8 @@ private:
     void rouleau_suivant();
     void syncFlags();
     void statusLine(std::string_view line);
+    // Keeps a "$N=value" line of the board in the state (AppState::grblSettingsLines).
+    void rememberSetting(std::string_view line);
     // Gives up the command in flight (and, with queuedToo, those queued) with a log line.
     void giveUpCommands(std::string_view why, bool queuedToo);
     void pollAndWatch(std::int64_t nowMs);

@@ -54,6 +54,7 @@
 #include "machine/grbl_protocol.h"
 #include "machine/serial_port_qt.h"
 #include "view/playback_qt.h"
+#include "view/roll_print_qt.h"
 #include "view/roll_view_widget.h"
 
 #ifndef VELTRIN_VERSION
@@ -98,6 +99,24 @@ bool changesProgram(const QString& field)
 {
     return field != QLatin1String("AdressePort") && field != QLatin1String("longueur_point") &&
            !field.startsWith(QLatin1String("duree_"));
+}
+
+// The "$$" answer of each port's machine, kept between runs.
+QString machineKey(const QString& port)
+{
+    QString key = port;
+    key.replace(QLatin1Char('/'), QLatin1Char('_'));
+    return QStringLiteral("Machines/") + key;
+}
+
+QStringList storedMachineSettings(const QString& port)
+{
+    return QSettings(QStringLiteral("Veltrin"), QStringLiteral("Veltrin")).value(machineKey(port)).toStringList();
+}
+
+void storeMachineSettings(const QString& port, const QStringList& lines)
+{
+    QSettings(QStringLiteral("Veltrin"), QStringLiteral("Veltrin")).setValue(machineKey(port), lines);
 }
 
 // A round lamp (Shape1, the simulation lamp).
@@ -175,6 +194,7 @@ struct MainWindow::Private {
     int foldHoldsSeen = 0;
     QAction* bestTranspositionAction = nullptr;
     QAction* verifyAction = nullptr;
+    QAction* printAction = nullptr;
     QAction* playAction = nullptr;
     QAction* playRollAction = nullptr;
 };
@@ -379,6 +399,8 @@ void MainWindow::buildMenus()
     d->openAction = file->addAction(QString::fromLatin1(kOpenText), this, &MainWindow::Ouvre_midi);
     d->openAction->setObjectName(QStringLiteral("Ouvre_midi"));
     d->openAction->setShortcut(QKeySequence::Open);
+    d->printAction = file->addAction(QStringLiteral("Print / Export..."), this, &MainWindow::printRoll_Click);
+    d->printAction->setToolTip(QStringLiteral("The roll at 1:1 on paper (PDF or SVG), paged with alignment marks"));
     file->addSeparator();
     QAction* quit = file->addAction(QStringLiteral("Quit"), this, &MainWindow::quitter_Click);
     quit->setShortcut(QKeySequence::Quit);
@@ -469,7 +491,27 @@ void MainWindow::connectMachine()
         if (!found && !d->port->isOpen())
             noGrblHint();
     });
+    connect(port, &MachinePort::detectionFinished, this, [this](bool found) {
+        if (!found || d->state->recherche_en_cours)
+            return;
+        // The machine's rates and accelerations time its jobs: known from an earlier run on this
+        // port, or asked now.
+        const QStringList known = storedMachineSettings(d->port->portName());
+        d->state->grblSettingsLines.clear();
+        for (const QString& line : known)
+            d->state->grblSettingsLines.push_back(line.toStdString());
+        if (known.isEmpty()) {
+            d->port->link().envoi_commande("$$");
+            d->port->carryOut();
+        }
+    });
     connect(port, &MachinePort::commandFinished, this, [this](const QString& command, const QString& reply) {
+        if (command == QLatin1String("$$") && reply == QLatin1String("ok") && !d->state->grblSettingsLines.empty()) {
+            QStringList lines;
+            for (const std::string& line : d->state->grblSettingsLines)
+                lines << qs(line);
+            storeMachineSettings(d->port->portName(), lines);
+        }
         if (command == d->pendingCommand) {
             d->pendingCommand.clear();
             d->Text1->setPalette(QPalette());
@@ -493,6 +535,8 @@ void MainWindow::startUp(bool openPort)
         d->state->reportDecimalSeparator = '.';
     Form_Load(*d->state, *d->store, platformFolders(), hooks);
     d->roll->setZoom(d->state->facteur_zoom);
+    for (const QString& line : storedMachineSettings(qs(d->state->settings.AdressePort)))
+        d->state->grblSettingsLines.push_back(line.toStdString());
     d->settings->loadFromState();
     if (openPort)
         d->port->setWatching(true);
@@ -985,6 +1029,35 @@ bool MainWindow::verifyProgram(bool beforePunch)
     return false;
 }
 
+void MainWindow::printRoll_Click()
+{
+    if (!d->picture || d->picture->holes.empty())
+        return;
+    auto* dialog = new QFileDialog(this, QStringLiteral("Print / Export..."));
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setAcceptMode(QFileDialog::AcceptSave);
+    dialog->setNameFilters({QStringLiteral("PDF (*.pdf)"), QStringLiteral("SVG (*.svg)")});
+    dialog->setDefaultSuffix(QStringLiteral("pdf"));
+    dialog->selectFile(qs(songTitle(d->state->chemin_morceau)) + QStringLiteral(".pdf"));
+    connect(dialog, &QFileDialog::fileSelected, this, [this](const QString& path) { printRollTo(path); });
+    dialog->open();
+}
+
+void MainWindow::printRollTo(const QString& path)
+{
+    PrintOptions options;
+    options.paper = QLocale::system().measurementSystem() == QLocale::ImperialUSSystem ? Paper::Letter : Paper::A4;
+    options.footer = printFooterOf(*d->state);
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    const auto printed = printRoll(rollPictureOf(*d->state), options, path);
+    QApplication::restoreOverrideCursor();
+    if (!printed) {
+        showMessage("Not printed: " + printed.detail());
+        return;
+    }
+    d->port->link().logLine(path.toStdString() + ": " + std::to_string(printed.value()) + " sheets at 1:1");
+}
+
 void MainWindow::bestTransposition_Click()
 {
     if (busy() || d->playback.running())
@@ -1216,6 +1289,7 @@ void MainWindow::refreshState()
     d->settingsAction->setEnabled(!running && !flashing);
     d->bestTranspositionAction->setEnabled(!running && !playing && !s.chemin_morceau.empty());
     d->verifyAction->setEnabled(!s.chemin_morceau.empty() && s.punchEnabled);
+    d->printAction->setEnabled(!s.chemin_morceau.empty() && d->picture && !d->picture->holes.empty());
     d->openAction->setEnabled(!running && !flashing && s.ouvre_midi_actif);
     d->liveFoldsAction->setEnabled(!running && !flashing && s.settings.isLaser());
     d->foldFileAction->setEnabled(!running && s.settings.isLaser() && !s.chemin_morceau.empty());

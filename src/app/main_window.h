@@ -70,6 +70,9 @@ public slots:
     void Label3_Click();
     void About_Click();
     void quitter_Click();
+    // "Print / Export...": the roll at 1:1 on A4 or Letter sheets, as PDF or SVG.
+    void printRoll_Click();
+    void printRollTo(const QString& path);
 
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;

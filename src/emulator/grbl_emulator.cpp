@@ -115,6 +115,7 @@ GrblEmulator::GrblEmulator(GrblEmulatorOptions options) : m_options(std::move(op
     }
     if (m_options.laserMode >= 0)
         m_settings[32].value = m_options.laserMode != 0 ? 1 : 0;
+    m_planner.setSettings(motionSettings());
     if (!m_options.recordPath.empty())
         m_record.open(m_options.recordPath, std::ios::out | std::ios::trunc | std::ios::binary);
     powerUp(0);
@@ -145,10 +146,10 @@ void GrblEmulator::powerUp(std::int64_t nowMs)
     m_booting = true;
     m_bootEndMs = m_nowMs + m_options.bootMs;
     m_critical = false;
-    m_planner.clear();
     m_pending.reset();
     m_position = {};
     m_gcPosition = {};
+    stopMotion();
     clearInputAndModes();
     m_holdComplete = false;
     // With homing enabled Grbl powers up locked: the position is unknown until homed.
@@ -268,11 +269,9 @@ void GrblEmulator::realtime(unsigned char byte)
         break;
     case '!':
         if (m_state == State::Run) {
+            // The carriage slows down at the acceleration of the moves it runs, to a stop.
             m_state = State::Hold;
             m_holdComplete = false;
-            // Decelerate at the X acceleration from the current feed.
-            const double feedMmS = m_planner.empty() ? 0 : m_planner.front().feed / 60.0;
-            m_holdEndMs = m_nowMs + scaled(feedMmS / setting(120) * 1000.0);
         } else if (m_state == State::Jog) {
             realtime(0x85);  // a feed hold cancels a jog
         } else if (m_state == State::Idle) {
@@ -287,7 +286,7 @@ void GrblEmulator::realtime(unsigned char byte)
         break;
     case 0x85:  // jog cancel
         if (m_state == State::Jog) {
-            m_planner.clear();
+            stopMotion();
             m_gcPosition = m_position;
             m_state = State::Idle;
         }
@@ -313,7 +312,7 @@ void GrblEmulator::softReset()
         m_state = State::Idle;
     }
     m_critical = false;
-    m_planner.clear();
+    stopMotion();
     m_pending.reset();
     m_gcPosition = m_position;
     clearInputAndModes();
@@ -368,9 +367,24 @@ void GrblEmulator::raiseAlarm(int code)
 
 void GrblEmulator::flushMotion()
 {
-    m_planner.clear();
+    stopMotion();
     m_pending.reset();
     m_gcPosition = m_position;
+}
+
+void GrblEmulator::stopMotion()
+{
+    m_planner.reset(m_position);
+    m_doneMm = 0;
+    m_speed = 0;
+}
+
+GrblSettings GrblEmulator::motionSettings() const
+{
+    GrblSettings motion;
+    for (const auto& [number, value] : m_settings)
+        motion.set(number, value.value);
+    return motion;
 }
 
 bool GrblEmulator::motionActive() const
@@ -397,13 +411,8 @@ double GrblEmulator::nextEventMs() const
     };
     if (m_booting)
         consider(m_bootEndMs);
-    if (motionActive() && !m_planner.empty()) {
-        const Block& block = m_planner.front();
-        const double rate = m_state == State::Hold ? 0.5 : 1.0;
-        consider(m_nowMs + (block.durationMs - block.elapsedMs) / rate);
-    }
-    if (m_state == State::Hold && !m_holdComplete)
-        consider(m_holdEndMs);
+    if (motionActive() && !m_planner.empty() && m_options.speed > 0)
+        consider(m_nowMs + motionEventSeconds() * 1000.0 / m_options.speed);
     if (m_pending) {
         if (m_pending->dwellEndMs)
             consider(*m_pending->dwellEndMs);
@@ -413,17 +422,39 @@ double GrblEmulator::nextEventMs() const
     return next;
 }
 
+// Machine seconds until the running block ends or, in a feed hold, the carriage stops.
+double GrblEmulator::motionEventSeconds() const
+{
+    const PlannerBlock& block = m_planner.block(0);
+    const double left = block.millimeters - m_doneMm;
+    if (holding()) {
+        const double a = block.acceleration;
+        if (m_speed * m_speed <= 2 * a * left)
+            return m_speed / a;
+        return (m_speed - std::sqrt(m_speed * m_speed - 2 * a * left)) / a;
+    }
+    return profileSecondsLeft(m_doneMm, m_speed, std::sqrt(m_planner.exitSpeedSqr(0)), block.nominalSpeed,
+                              block.acceleration, block.millimeters);
+}
+
 void GrblEmulator::moveMotion(double dtMs)
 {
-    if (!motionActive() || m_planner.empty())
+    if (!motionActive() || m_planner.empty() || m_options.speed <= 0)
         return;
-    Block& block = m_planner.front();
-    // While a hold decelerates, the carriage covers about half the ground it would at speed.
-    const double rate = m_state == State::Hold ? 0.5 : 1.0;
-    block.elapsedMs = std::min(block.durationMs, block.elapsedMs + dtMs * rate);
-    const double fraction = block.durationMs > 0 ? block.elapsedMs / block.durationMs : 1.0;
+    const PlannerBlock& block = m_planner.block(0);
+    const double seconds = std::min(dtMs / 1000.0 * m_options.speed, motionEventSeconds());
+    if (holding()) {
+        const double a = block.acceleration;
+        m_doneMm = std::min(block.millimeters, m_doneMm + m_speed * seconds - a * seconds * seconds / 2);
+        m_speed = std::max(0.0, m_speed - a * seconds);
+    } else {
+        const ProfilePoint point = profileAfter({m_doneMm, m_speed}, seconds, std::sqrt(m_planner.exitSpeedSqr(0)),
+                                                block.nominalSpeed, block.acceleration, block.millimeters);
+        m_doneMm = point.doneMm;
+        m_speed = point.speed;
+    }
     for (int axis = 0; axis < 3; ++axis)
-        m_position[axis] = block.start[axis] + (block.target[axis] - block.start[axis]) * fraction;
+        m_position[axis] = block.start[axis] + block.unit[axis] * m_doneMm;
 }
 
 void GrblEmulator::settle()
@@ -442,9 +473,13 @@ void GrblEmulator::settle()
         }
         if (retireBlocks())
             changed = true;
-        if (m_state == State::Hold && !m_holdComplete &&
-            (m_nowMs >= m_holdEndMs || m_planner.empty())) {
+        if (holding() && (m_speed <= 0 || m_planner.empty())) {
+            // Stopped: what is left of the block starts again from rest after "~".
             m_holdComplete = true;
+            if (!m_planner.empty()) {
+                m_planner.restartTail(m_position, m_planner.block(0).millimeters - m_doneMm);
+                m_doneMm = 0;
+            }
             changed = true;
         }
         if (pump())
@@ -457,11 +492,14 @@ bool GrblEmulator::retireBlocks()
 {
     bool changed = false;
     while (motionActive() && !m_planner.empty() &&
-           m_planner.front().elapsedMs >= m_planner.front().durationMs - 1e-9) {
-        m_position = m_planner.front().target;
-        m_planner.pop_front();
+           (m_options.speed <= 0 || m_doneMm >= m_planner.block(0).millimeters - 1e-9)) {
+        m_position = m_planner.block(0).target;
+        m_planner.discardTail();
+        m_doneMm = 0;
         changed = true;
     }
+    if (m_planner.empty())
+        m_speed = 0;
     if ((m_state == State::Run || m_state == State::Jog) && m_planner.empty()) {
         m_state = State::Idle;
         changed = true;
@@ -530,12 +568,10 @@ bool GrblEmulator::finishPending()
     if (pending.homingAxis >= 0) {
         const int axis = pending.homingAxis;
         if (!pending.homingEndMs) {
-            // Seek the switch at $25, then pull off and approach again at $24.
-            const double pullOff = setting(27);
-            const double seekMs =
-                std::fabs(m_position[axis] - homePosition(axis)) / setting(25) * 60000.0;
-            const double locateMs = 3 * pullOff / setting(24) * 60000.0;
-            pending.homingEndMs = m_nowMs + scaled(seekMs + locateMs);
+            // Search the switch, pull off, locate it slowly, pull off again.
+            const GrblSettings motion = motionSettings();
+            const double seconds = homingSeconds(motion, axis, homingSearchMm(motion, axis, m_position[axis]));
+            pending.homingEndMs = m_nowMs + scaled(seconds * 1000.0);
             m_state = State::Home;
             if (m_nowMs < *pending.homingEndMs)
                 return false;
@@ -544,15 +580,15 @@ bool GrblEmulator::finishPending()
             return false;
         m_position[axis] = homePosition(axis);
         m_gcPosition = m_position;
+        stopMotion();
         m_state = State::Idle;
     }
-    if (pending.block) {
-        if (m_planner.size() >= static_cast<std::size_t>(kPlannerBlocks))
+    if (pending.move) {
+        if (m_planner.full())
             return false;
-        const bool jog = pending.block->jog;
-        m_planner.push_back(*pending.block);
-        if (m_state == State::Idle)
-            m_state = jog ? State::Jog : State::Run;
+        const Move& move = *pending.move;
+        if (m_planner.addLine(move.target, move.feed, move.rapid, move.jog ? 1 : 0) && m_state == State::Idle)
+            m_state = move.jog ? State::Jog : State::Run;
         retireBlocks();  // without motion time a block is done as soon as it is queued
     }
     const int lineNo = pending.lineNo;
@@ -730,6 +766,7 @@ std::optional<int> GrblEmulator::executeSystem(int lineNo, const std::string& li
         if (setting.decimals == 0)
             value = std::trunc(value);
         setting.value = value;
+        m_planner.setSettings(motionSettings());
         return ok();
     }
     return 3;
@@ -784,20 +821,8 @@ std::optional<int> GrblEmulator::executeJog(int lineNo, const std::string& text)
     }
     Pending pending;
     pending.lineNo = lineNo;
-    Block block;
-    block.start = m_gcPosition;
-    block.target = target;
-    block.jog = true;
-    block.feed = rateLimited(m_gcPosition, target, *feed * unit);
-    double distance = 0;
-    for (int axis = 0; axis < 3; ++axis)
-        distance += (target[axis] - m_gcPosition[axis]) * (target[axis] - m_gcPosition[axis]);
-    distance = std::sqrt(distance);
-    if (distance > 0) {
-        block.durationMs = scaled(distance / block.feed * 60000.0);
-        pending.block = block;
-        m_gcPosition = target;
-    }
+    pending.move = Move{target, *feed * unit, false, true};
+    m_gcPosition = target;
     m_pending = pending;
     return std::nullopt;
 }
@@ -877,6 +902,7 @@ std::optional<int> GrblEmulator::executeGcode(int lineNo, const std::string& lin
         return 22;  // G1 without any feed ever set
 
     // 2. Modal state.
+    const int previousMotion = m_motion;
     m_motion = motion;
     m_relative = relative;
     m_inches = inches;
@@ -884,18 +910,22 @@ std::optional<int> GrblEmulator::executeGcode(int lineNo, const std::string& lin
     Pending pending;
     pending.lineNo = lineNo;
 
-    // 3. Spindle (laser): outside laser mode Grbl waits for the motion to end first.
+    // 3. Spindle (laser, punch): switching it waits for the motion to end, in laser mode too.
+    // A change of S waits as well unless, in laser mode, a cutting move carries it; there M3
+    // also waits when a line alone switches between cutting (G1-G3) and travel modes.
     const bool newOn = spindle ? *spindle : m_spindleOn;
     const double newS = speed ? *speed : m_spindleS;
-    if (newOn != m_spindleOn || newS != m_spindleS) {
-        if (setting(32) != 0) {
-            m_spindleOn = newOn;
-            m_spindleS = newS;
-        } else {
-            pending.sync = true;
-            pending.spindleOn = newOn ? 1 : 0;
-            pending.spindleS = newS;
-        }
+    const bool laser = setting(32) != 0;
+    const bool cutting = motion >= 1 && motion <= 3;
+    const bool laserMotion = laser && moves;
+    const bool wasCutting = previousMotion >= 1 && previousMotion <= 3;
+    const bool forceSync = laser && !laserMotion && m_spindleOn && wasCutting != cutting;
+    if (newOn != m_spindleOn || ((newS != m_spindleS || forceSync) && m_spindleOn && !laserMotion)) {
+        pending.sync = true;
+        pending.spindleOn = newOn ? 1 : 0;
+        pending.spindleS = newS;
+    } else {
+        m_spindleS = newS;
     }
     // 4. Dwell, after the planned motion is done.
     if (dwell) {
@@ -912,19 +942,8 @@ std::optional<int> GrblEmulator::executeGcode(int lineNo, const std::string& lin
     // 6. Motion.
     if (moves) {
         const Vec3 target = moveTarget(axes, unit, relative, machineCoordinates);
-        double distance = 0;
-        for (int axis = 0; axis < 3; ++axis)
-            distance += (target[axis] - m_gcPosition[axis]) * (target[axis] - m_gcPosition[axis]);
-        distance = std::sqrt(distance);
-        if (distance > 0) {
-            Block block;
-            block.start = m_gcPosition;
-            block.target = target;
-            block.feed = rateLimited(m_gcPosition, target, motion == 0 ? kInf : m_feed);
-            block.durationMs = scaled(distance / block.feed * 60000.0);
-            pending.block = block;
-            m_gcPosition = target;
-        }
+        pending.move = Move{target, m_feed, motion == 0, false};
+        m_gcPosition = target;
     }
     // 7. Program pause and end, once the motion is done.
     if (programPause || programEnd)
@@ -962,22 +981,6 @@ GrblEmulator::Vec3 GrblEmulator::moveTarget(const std::array<std::optional<doubl
     return target;
 }
 
-double GrblEmulator::rateLimited(const Vec3& from, const Vec3& to, double feed) const
-{
-    double distance = 0;
-    for (int axis = 0; axis < 3; ++axis)
-        distance += (to[axis] - from[axis]) * (to[axis] - from[axis]);
-    distance = std::sqrt(distance);
-    double rate = feed;
-    // No axis may exceed its maximum rate ($110-$112), G0 runs at that limit.
-    for (int axis = 0; axis < 3; ++axis) {
-        const double delta = std::fabs(to[axis] - from[axis]);
-        if (delta > 0)
-            rate = std::min(rate, setting(110 + axis) * distance / delta);
-    }
-    return rate;
-}
-
 std::string GrblEmulator::statusReport() const
 {
     const bool machine = (static_cast<int>(setting(10)) & 1) != 0;
@@ -994,9 +997,10 @@ std::string GrblEmulator::statusReport() const
         report += fixedText(value, 3);
         report += axis < 2 ? "," : "";
     }
+    // The speed the carriage moves at now, as Grbl reports it.
     double feed = 0;
     if (motionActive() && !m_planner.empty())
-        feed = m_planner.front().feed * (m_state == State::Hold ? 0.5 : 1.0);
+        feed = m_speed * 60.0;
     report += "|FS:" + wholeText(feed) + "," + wholeText(m_spindleOn ? m_spindleS : 0);
     // Grbl gives its work coordinate offset every 30th report while moving, every 10th while
     // idle, and in the next report after the offset changed. A zero offset that never changed

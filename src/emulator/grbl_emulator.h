@@ -11,11 +11,13 @@
 //   std::string bytes = grbl.takeOutput();
 //
 // What it models: the 128-byte receive buffer (overflowing bytes are dropped), the line
-// cleaning and the one response per line, a 16-block planner whose fullness holds back "ok",
-// linear moves at constant speed (no acceleration; G0 at the $110-$112 rates, G1 at F within
-// them) so that "?" follows the motion, feed hold (which, as in Grbl, suspends the lines to run
-// until "~"; an empty line is still answered "ok") and cycle start, soft reset, jogging, single-axis homing, the alarm lock,
-// the settings and the fault options below. Not modelled: arcs (G2/G3 run as straight moves),
+// cleaning and the one response per line, Grbl's planner (machine/grbl_planner.h: 15 moves
+// whose fullness holds back "ok", per-axis rates and accelerations, junction speeds, look-ahead,
+// G0 at the $110-$112 rates, G1 at F within them) with the carriage following each move's speed
+// profile so that "?" follows the motion, feed hold (a stop at the acceleration; as in Grbl it
+// suspends the lines to run until "~", and an empty line is still answered "ok") and cycle
+// start, soft reset, jogging, single-axis homing (search, pull-off, locate, pull-off), the alarm
+// lock, the settings and the fault options below. Not modelled: arcs (G2/G3 run as straight moves),
 // check mode ($C), sleep, the safety door, overrides, probing, G10, G28/G30 (error:20); the
 // work coordinate systems G54-G59 all have zero offsets (G92 offsets are kept).
 
@@ -28,6 +30,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "machine/grbl_planner.h"
 
 namespace veltrin {
 
@@ -75,7 +79,7 @@ struct GrblEmulatorOptions {
 class GrblEmulator {
 public:
     static constexpr int kRxBufferBytes = 128;
-    static constexpr int kPlannerBlocks = 16;
+    static constexpr int kPlannerBlocks = static_cast<int>(GrblPlanner::kBlocks);
     static constexpr int kLineMax = 79;
     static constexpr int kSplitGapMs = 20;
     // A soft reset takes this long (ms); bytes arriving meanwhile are flushed with the buffer.
@@ -109,14 +113,12 @@ private:
     enum class State { Idle, Run, Hold, Jog, Alarm, Home };
     using Vec3 = std::array<double, 3>;
 
-    struct Block {
-        Vec3 start{};
+    // A move parsed and waiting for its place in the planner.
+    struct Move {
         Vec3 target{};
-        double durationMs = 0;
-        double elapsedMs = 0;
         double feed = 0;  // mm/min
+        bool rapid = false;
         bool jog = false;
-        bool started = false;
     };
     // A parsed line whose response waits: for the planner to empty (spindle, dwell, program
     // end), for a dwell or a homing cycle to end, or for a free planner block.
@@ -129,7 +131,7 @@ private:
         std::optional<double> dwellEndMs;
         bool programEnd = false;
         bool programPause = false;
-        std::optional<Block> block;
+        std::optional<Move> move;
         std::optional<double> homingEndMs;
         int homingAxis = -1;  // -1: no homing; 0..2 the axis
         bool homingFails = false;
@@ -164,11 +166,15 @@ private:
     void flushMotion();
     void queueOrWait(Pending pending);
     bool motionActive() const;
+    bool holding() const { return m_state == State::Hold && !m_holdComplete; }
     double nextEventMs() const;
+    double motionEventSeconds() const;
     void moveMotion(double dtMs);
     double scaled(double realMs) const;
     double homePosition(int axis) const;
-    double rateLimited(const Vec3& from, const Vec3& to, double feed) const;
+    GrblSettings motionSettings() const;
+    // The planner forgets its moves; the carriage stands where it is.
+    void stopMotion();
     void clearInputAndModes();
     // Where a move or jog with these axis words ends (G90/G91, G20, G53 and G92 applied).
     Vec3 moveTarget(const std::array<std::optional<double>, 3>& axes, double unit, bool relative,
@@ -204,8 +210,10 @@ private:
     // Machine.
     State m_state = State::Idle;
     bool m_holdComplete = false;
-    double m_holdEndMs = 0;
-    std::deque<Block> m_planner;
+    GrblPlanner m_planner;
+    // The oldest planner block is the one running: how far along it is and at what speed.
+    double m_doneMm = 0;
+    double m_speed = 0;  // mm/s
     std::optional<Pending> m_pending;
     Vec3 m_position{};  // machine position, mm
 

@@ -256,6 +256,7 @@ void JobStreamer::answered(const Reply& reply, std::string_view line)
         m_resumeArmed = true;
     }
     ++m_next;
+    m_lastAnswerMs = m_now;
     if (firstAcknowledged)
         emitResumePoint();
     m_log->trimTo(kLogLimit);
@@ -540,6 +541,11 @@ std::string JobStreamer::temps_restant() const
         return remainingClock(0);
     if (m_simulation)
         return remainingClock(left * kSimulationLineMs / 1000.0);
+    // The model of Grbl's planner knows when each line is answered and how long the motion
+    // still queued takes.
+    if (m_program.machineTime && m_program.machineTime->answeredAt.size() == m_program.lines.size())
+        return remainingClock(m_program.machineTime->secondsLeft(
+            m_next, m_next > 0 ? static_cast<double>(m_now - m_lastAnswerMs) / 1000.0 : 0.0));
     const double elapsed = static_cast<double>(m_now - m_startMs) / 1000.0;
     // The writer's estimate until the job has run long enough to measure its own pace.
     if (done >= kLinesBeforeMeasure && elapsed >= 2.0)

@@ -14,6 +14,7 @@
 #include <variant>
 #include <vector>
 
+#include "machine/grbl_planner.h"
 #include "machine/grbl_protocol.h"
 #include "machine/hole_progress.h"
 
@@ -32,6 +33,8 @@ struct JobProgram {
     std::string Fourchette;
     // Duration estimate of the program writer, in seconds (0 when unknown).
     double estimatedSeconds = 0.0;
+    // The model of Grbl's planner for these lines: the remaining time follows its answers.
+    std::optional<MachineTime> machineTime;
     bool laser = true;
     // Vitcarton (mm/s) and L_poincon (mm) turn a hole's Y back into its start time: the
     // values the program was made with.
@@ -205,6 +208,7 @@ private:
     bool m_criticalAlarm = false;
     std::int64_t m_now = 0;
     std::int64_t m_startMs = 0;
+    std::int64_t m_lastAnswerMs = 0;  // when the last program line was answered
     std::int64_t m_nextSimulatedMs = 0;
     std::int64_t m_stopDeadlineMs = 0;
     bool m_answerOwed = false;

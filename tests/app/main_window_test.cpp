@@ -7,6 +7,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QLineEdit>
 #include <QMenu>
 #include <QMenuBar>
@@ -165,6 +166,13 @@ TEST_F(MainWindowTest, OpenedSongIsDrawnAndItsSettingEditsRedrawTheRoll)
     EXPECT_TRUE(button("Punch_button")->isEnabled());
     EXPECT_TRUE(std::filesystem::exists(programPath(m_state)));
     EXPECT_TRUE(QTest::qWaitFor([&] { return shownLog().contains(QStringLiteral("Midi file de-assembling")); }, 2000));
+    // Beside the writer's estimate, the time of Grbl's planner (Grbl's defaults: no board yet).
+    EXPECT_NE(log().find("Machine time (Grbl model) : "), std::string::npos) << log();
+    // The roll on paper, true to scale.
+    const QString pdf = QString::fromStdString((m_documents.path() / "roll.pdf").string());
+    window().printRollTo(pdf);
+    EXPECT_TRUE(QFileInfo::exists(pdf));
+    EXPECT_NE(log().find("sheets at 1:1"), std::string::npos) << log();
 
     // A longer bridge cuts the notes into other pieces: the roll changes once typing pauses,
     // and Punch waits for the new program meanwhile.

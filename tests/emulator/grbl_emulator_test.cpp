@@ -209,7 +209,7 @@ TEST(GrblEmulatorSettings, ListsTheDefaultsAndTakesWrites)
     Board moving(options(1));
     moving.send("G1 X10 F300\r");
     EXPECT_EQ(moving.send("$$\r$1=30\r"), "error:8\r\nerror:8\r\n") << "not while running";
-    moving.wait(2001);
+    moving.wait(2501);  // 10 mm at 5 mm/s, ramps of 0.5 s at 10 mm/s² at both ends: 2.5 s
     EXPECT_EQ(count(moving.send("$$\r"), "\r\n"), 35);
 }
 
@@ -266,9 +266,12 @@ TEST(GrblEmulatorHoming, OurImageHomesXOnlyAndTakesTheTimeOfTheSearch)
     EXPECT_EQ(board.send("$HY\r"), "error:3\r\n") << "Y has no switch";
     EXPECT_EQ(board.send("$HX\r"), "");
     EXPECT_EQ(board.status(), "<Home|MPos:0.000,0.000,0.000|FS:0,0>\r\n");
-    // 199 mm at $25=500 mm/min, then three pull-off lengths at $24=25 mm/min.
-    EXPECT_EQ(board.wait(23880 + 7200 - 1), "");
-    EXPECT_EQ(board.wait(2), "ok\r\n");
+    // The switch is 200 mm away. Search at $25 (8.333 mm/s, reached in 0.833 s over 3.472 mm
+    // at 10 mm/s²): 0.833 + 196.528 / 8.333 = 24.417 s; pull-off 1 mm (a triangle, 2 x
+    // sqrt(0.1) = 0.632 s); locate at $24 (0.417 mm/s): 0.042 + 0.991 / 0.417 = 2.421 s;
+    // pull-off 0.632 s; four debounces of $26=250 ms. 29.102 s in all.
+    EXPECT_EQ(board.wait(29102), "");
+    EXPECT_EQ(board.wait(1), "ok\r\n");
     EXPECT_EQ(board.status(), "<Idle|MPos:-199.000,0.000,0.000|FS:0,0>\r\n");
     EXPECT_EQ(board.send("G92 X0\rG0 X10\r"), "ok\r\nok\r\n") << "homing unlocks";
 }
@@ -294,15 +297,16 @@ TEST(GrblEmulatorJog, AppliesGrblsJogRules)
     EXPECT_EQ(board.send("$J=G1X10F600\r"), "error:16\r\n");
     EXPECT_EQ(board.send("$J=G91F600\r"), "error:16\r\n");
     EXPECT_EQ(board.send("$J=G91X10F300\r$J=G91X10F300\r"), "ok\r\nok\r\n") << "jogs queue behind jogs";
-    EXPECT_EQ(board.status(), "<Jog|MPos:0.000,0.000,0.000|FS:300,0>\r\n");
+    board.wait(650);  // at 5 mm/s after 0.5 s and 1.25 mm, then 0.75 mm more
+    EXPECT_EQ(board.status(), "<Jog|MPos:2.000,0.000,0.000|FS:300,0>\r\n");
     EXPECT_EQ(board.send("G0 X1\r"), "error:9\r\n") << "G-code is locked out while jogging";
-    board.wait(1000);
+    board.wait(400);
     board.send("\x85");
-    EXPECT_EQ(board.status(), "<Idle|MPos:5.000,0.000,0.000|FS:0,0>\r\n");
+    EXPECT_EQ(board.status(), "<Idle|MPos:4.000,0.000,0.000|FS:0,0>\r\n");
 
     EXPECT_EQ(board.send("G1 X0 F300\r"), "ok\r\n");
     EXPECT_EQ(board.send("$J=G91X10F300\r"), "error:8\r\n") << "no jog while running";
-    board.wait(1001);
+    board.wait(1301);  // 4 mm: two ramps of 1.25 mm (1 s) and 1.5 mm at 5 mm/s
     EXPECT_EQ(board.send("$J=G90X2F300\r"), "ok\r\n");
     board.wait(1000);
     EXPECT_EQ(board.status(), "<Idle|MPos:2.000,0.000,0.000|FS:0,0>\r\n");
@@ -348,10 +352,10 @@ TEST(GrblEmulatorRealtime, SoftResetWhileMovingRaisesAlarm3AndFlushesTheBuffer)
 {
     Board board(options(1));
     board.send("G1 X10 F300\r");
-    board.wait(1000);
+    board.wait(1050);  // 1.25 mm to reach 5 mm/s in 0.5 s, then 2.75 mm
     EXPECT_EQ(board.send("\x18" "G0 X1\r"), "ALARM:3\r\n");
     EXPECT_EQ(board.wait(GrblEmulator::kSoftResetMs), kLocked);
-    EXPECT_EQ(board.status(), "<Alarm|MPos:5.000,0.000,0.000|FS:0,0>\r\n")
+    EXPECT_EQ(board.status(), "<Alarm|MPos:4.000,0.000,0.000|FS:0,0>\r\n")
         << "the line sent with the reset was lost and the carriage stopped where it was";
 }
 
@@ -359,21 +363,25 @@ TEST(GrblEmulatorMotion, PositionFollowsTheMoveAndFeedHoldStopsIt)
 {
     Board board(options(1));
     EXPECT_EQ(board.send("G1 X30 F480 S500 M3\r"), "ok\r\n") << "idle: the spindle starts at once";
-    board.wait(1000);
-    EXPECT_EQ(board.status(), "<Run|MPos:8.000,0.000,0.000|FS:480,500>\r\n");
+    board.wait(1000);  // 8 mm/s reached in 0.8 s over 3.2 mm at 10 mm/s², then 1.6 mm
+    EXPECT_EQ(board.status(), "<Run|MPos:4.800,0.000,0.000|FS:480,500>\r\n");
     board.send("!");
-    EXPECT_EQ(board.status(), "<Hold:1|MPos:8.000,0.000,0.000|FS:240,500>\r\n");
+    EXPECT_EQ(board.status(), "<Hold:1|MPos:4.800,0.000,0.000|FS:480,500>\r\n");
     board.send("~");  // ignored until the hold has stopped the machine
-    board.wait(800);  // 8 mm/s at 10 mm/s² stops in 0.8 s, covering 3.2 mm
-    EXPECT_EQ(board.status(), "<Hold:0|MPos:11.200,0.000,0.000|FS:0,500>\r\n");
+    board.wait(400);
+    EXPECT_EQ(board.status(), "<Hold:1|MPos:7.200,0.000,0.000|FS:240,500>\r\n") << "slowing down";
+    board.wait(400);  // 8 mm/s at 10 mm/s² stops in 0.8 s, covering 3.2 mm
+    EXPECT_EQ(board.status(), "<Hold:0|MPos:8.000,0.000,0.000|FS:0,500>\r\n");
     EXPECT_EQ(board.send("\r"), "ok\r\n") << "an empty line is answered even in a hold";
     EXPECT_EQ(board.send("M5\r\r"), "") << "a line to run waits while the machine holds, and the next behind it";
     board.wait(2000);
-    EXPECT_EQ(board.status(), "<Hold:0|MPos:11.200,0.000,0.000|FS:0,500>\r\n");
+    EXPECT_EQ(board.status(), "<Hold:0|MPos:8.000,0.000,0.000|FS:0,500>\r\n");
     EXPECT_EQ(board.send("~"), "") << "M5 waits for the motion to end";
-    board.wait(1000);
-    EXPECT_EQ(board.status(), "<Run|MPos:19.200,0.000,0.000|FS:480,500>\r\n");
-    EXPECT_EQ(board.wait(1351), "ok\r\nok\r\n") << "M5, then the empty line behind it";
+    board.wait(1000);  // the 22 mm left start again from rest
+    EXPECT_EQ(board.status(), "<Run|MPos:12.800,0.000,0.000|FS:480,500>\r\n");
+    // 22 mm: two ramps of 3.2 mm (0.8 s each) and 15.6 mm at 8 mm/s (1.95 s): 3.55 s.
+    EXPECT_EQ(board.wait(2549), "");
+    EXPECT_EQ(board.wait(2), "ok\r\nok\r\n") << "M5, then the empty line behind it";
     EXPECT_EQ(board.status(), "<Idle|MPos:30.000,0.000,0.000|FS:0,0>\r\n");
 }
 
@@ -384,30 +392,32 @@ TEST(GrblEmulatorMotion, KeepsGoingAfterWeeksOfUptime)
     std::string lines;
     for (int i = 1; i <= 17; ++i)
         lines += "G1 X" + std::to_string(i) + ".0037 Y" + std::to_string(i % 7) + ".3 F337\r";
-    EXPECT_EQ(count(board.send(lines), "ok"), 16);
+    EXPECT_EQ(count(board.send(lines), "ok"), 15);
     std::string answers;
     for (int i = 0; i < 300; ++i)
         answers += board.wait(97);
-    EXPECT_EQ(answers, "ok\r\n");
+    EXPECT_EQ(answers, "ok\r\nok\r\n");
     EXPECT_EQ(board.status(), "<Idle|MPos:17.004,3.300,0.000|FS:0,0>\r\n");
 }
 
 TEST(GrblEmulatorMotion, RapidsAtTheAxisRatesDwellAndProgramEndWaitForTheMotion)
 {
     Board board(options(1));
-    board.send("G0 X10 Y10\r");  // each axis at 500 mm/min: 1.2 s for both
-    board.wait(600);
-    EXPECT_EQ(board.status(), "<Run|MPos:5.000,5.000,0.000|FS:707,0>\r\n");
-    board.wait(601);
+    // Each axis at 500 mm/min and 10 mm/s²: along the diagonal 707 mm/min (11.785 mm/s) and
+    // 14.142 mm/s², 4.910 mm to reach it (0.833 s); 14.142 mm take 2 x 0.833 + 0.367 s.
+    board.send("G0 X10 Y10\r");
+    board.wait(400);  // 1.131 mm along the diagonal, at 5.657 mm/s
+    EXPECT_EQ(board.status(), "<Run|MPos:0.800,0.800,0.000|FS:339,0>\r\n");
+    board.wait(1634);
     EXPECT_EQ(board.send("$111=1000\rG0 Y0\r"), "ok\r\nok\r\n");
-    board.wait(601);
+    board.wait(2001);  // Y at up to 16.7 mm/s: 10 mm are a triangle of 2 x 1 s
     EXPECT_EQ(board.status(), "<Idle|MPos:10.000,0.000,0.000|FS:0,0>\r\n");
 
     EXPECT_EQ(board.send("G1 X0 F300\rG4 P0.5\r"), "ok\r\n");
-    EXPECT_EQ(board.wait(2499), "");
+    EXPECT_EQ(board.wait(2999), "") << "10 mm at 5 mm/s with its ramps: 2.5 s, then the dwell";
     EXPECT_EQ(board.wait(2), "ok\r\n");
     EXPECT_EQ(board.send("G0 X10\rM2\r"), "ok\r\n");
-    EXPECT_EQ(board.wait(1201), "[MSG:Pgm End]\r\nok\r\n");
+    EXPECT_EQ(board.wait(2034), "[MSG:Pgm End]\r\nok\r\n") << "10 mm at 8.333 mm/s: 2.033 s";
     EXPECT_EQ(board.send("$G\r"), "[GC:G1 G54 G17 G21 G90 G94 M5 M9 T0 F300 S0]\r\nok\r\n");
     EXPECT_EQ(board.send("M0\r"), "") << "a program pause holds before it answers";
     EXPECT_EQ(board.grbl().stateText(), "Hold:0");
@@ -415,17 +425,20 @@ TEST(GrblEmulatorMotion, RapidsAtTheAxisRatesDwellAndProgramEndWaitForTheMotion)
     EXPECT_EQ(board.grbl().stateText(), "Idle");
 }
 
-TEST(GrblEmulatorPlanner, OkLagsWhenTheSixteenBlocksAreFull)
+// Grbl's planner ring has 16 blocks and keeps one free: 15 moves fit ("[OPT:V,15,128]").
+TEST(GrblEmulatorPlanner, OkLagsWhenTheFifteenPlannerMovesAreFull)
 {
     Board board(options(1));
     std::string lines;
     for (int i = 1; i <= 20; ++i)
-        lines += "G1 X" + std::to_string(i * 5) + " F300\r";  // 1 s each
-    EXPECT_EQ(count(board.send(lines), "ok"), 16);
-    EXPECT_EQ(count(board.wait(999), "ok"), 0);
+        lines += "G1 X" + std::to_string(i * 5) + " F300\r";  // 1 s each at 5 mm/s, in one run
+    EXPECT_EQ(count(board.send(lines), "ok"), 15);
+    // The first move reaches 5 mm/s after 1.25 mm (0.5 s), then runs 3.75 mm (0.75 s).
+    EXPECT_EQ(count(board.wait(1249), "ok"), 0);
     EXPECT_EQ(count(board.wait(2), "ok"), 1) << "a block ended, the waiting line got its place";
-    EXPECT_EQ(count(board.wait(3000), "ok"), 3);
-    EXPECT_EQ(count(board.wait(16000), "ok"), 0);
+    EXPECT_EQ(count(board.wait(4000), "ok"), 4) << "the look-ahead keeps the speed over the joints";
+    // 100 mm: 97.5 mm at 5 mm/s between two ramps of 0.5 s, 20.5 s in all.
+    EXPECT_EQ(count(board.wait(15251), "ok"), 0);
     EXPECT_EQ(board.status(), "<Idle|MPos:100.000,0.000,0.000|FS:0,0>\r\n");
 }
 
@@ -434,15 +447,16 @@ TEST(GrblEmulatorPlanner, ReceiveBufferDropsWhatOverflowsWhileThePlannerIsFull)
     Board board(options(1));
     std::string lines;
     for (int i = 1; i <= 17; ++i)
-        lines += "G1 X" + std::to_string(i) + " F60\r";  // 1 s each; line 17 waits
-    EXPECT_EQ(count(board.send(lines), "ok"), 16);
+        lines += "G1 X" + std::to_string(i) + " F60\r";  // 1 s each; lines 16 and 17 wait
+    EXPECT_EQ(count(board.send(lines), "ok"), 15);
     std::string burst;
     for (int i = 0; i < 10; ++i)
         burst += "G1 X100.0000000000\r";  // 19 bytes each
     board.send(burst);
-    EXPECT_EQ(board.grbl().droppedBytes(), 190 - 128);
+    // Line 17 (11 bytes) still fills the buffer behind line 16, which waits for its place.
+    EXPECT_EQ(board.grbl().droppedBytes(), 190 - (128 - 11));
     // Six whole lines fit (114 bytes); the seventh lost its end and never completes.
-    EXPECT_EQ(count(board.wait(60000), "ok"), 1 + 6);
+    EXPECT_EQ(count(board.wait(60000), "ok"), 2 + 6);
     EXPECT_EQ(board.send("\r"), "ok\r\n") << "the cut line \"G1 X100.000000\" ends with this CR";
     EXPECT_EQ(board.grbl().linesReceived(), 17 + 7);
 }

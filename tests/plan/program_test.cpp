@@ -58,7 +58,8 @@ TEST_F(Program, LaserWithBridges)
     EXPECT_EQ(state.user_msg_list.text(),
               crlf({"Travel optimizing 7(Width : 117)", "   - Cuttings length : 0.11 m",
                     "   - Overall length between holes : 0.09 m", "Roll length : 0.099 m",
-                    "Estimated punch duration : 00:00:15", "Ready to punch", ""}));
+                    "Estimated punch duration : 00:00:15",
+                    "Machine time (Grbl model) : 00:00:51", "Ready to punch", ""}));
     EXPECT_NEAR(state.distance_totale, 85.61133502751647, 1e-9);
     EXPECT_DOUBLE_EQ(state.y_premiere_coupe, 60.0);
     EXPECT_DOUBLE_EQ(state.rollViewScale, 81195.01 / 99.0);
@@ -91,7 +92,8 @@ TEST_F(Program, PunchStrikesAlternateZ)
     EXPECT_EQ(state.user_msg_list.text(),
               crlf({"Travel optimizing 7(Width : 117)", "   - Overall distances : 0,13 m",
                     "   - Number of punch strikes : 4", "Roll length : 0,131 m",
-                    "Estimated punch duration : 00:00:01", "Ready to punch", ""}));
+                    "Estimated punch duration : 00:00:01",
+                    "Machine time (Grbl model) : 00:00:39", "Ready to punch", ""}));
 }
 
 // The 20-note scale without header, M4: Talon 10, Ldecoupe 4, Dist_notes 6, BassesAF 5;
@@ -143,7 +145,8 @@ TEST_F(Marks, BetweenMarks)
     // Cut 18 mm; travel hypot(9, 120) = 120.34 mm; roll (150 - 90) / 1000; 10.38 s.
     EXPECT_EQ(state.user_msg_list.text(),
               crlf({"   - Cuttings length : 0.02 m", "   - Overall length between holes : 0.12 m",
-                    "Roll length : 0.060 m", "Estimated punch duration : 00:00:10", "Ready to punch", ""}));
+                    "Roll length : 0.060 m", "Estimated punch duration : 00:00:10",
+                    "Machine time (Grbl model) : 00:00:26", "Ready to punch", ""}));
     EXPECT_TRUE(std::filesystem::exists(temp("song_between marks.gcode")));
     EXPECT_DOUBLE_EQ(state.longueur_rouleau, 186.0) << "the view's length is the whole song's";
 

@@ -18,8 +18,8 @@ protected:
         state.settings.Standard = kKolbyName;
         MessageLog log;
         Def_standard(dir.str(), state.settings, state.scale, log);
-        state.settings.Vitcarton = "60";
-        state.settings.L_poincon = "3";  // 50 ms of roll at 60 mm/s
+        state.settings.Vitcarton = std::string("60");
+        state.settings.L_poincon = std::string("3");  // 50 ms of roll at 60 mm/s
     }
 
     // The track that plays note on the scale.
