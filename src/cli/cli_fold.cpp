@@ -25,6 +25,7 @@
 #include "base/data_folders.h"
 #include "base/numeric_text.h"
 #include "cli/cli_commands.h"
+#include "cli/cli_run.h"
 #include "cli/cli_machine.h"
 #include "cli/input_files.h"
 #include "folding/fold_program.h"
@@ -85,40 +86,6 @@ struct FoldArgs {
     std::optional<int> count;
     std::optional<double> backwardFromMm;
     RunSettings settings;
-};
-
-// Stop signals reach the event loop through a pipe: the handler only writes a byte.
-int g_stopPipe[2] = {-1, -1};
-
-void onStopSignal(int signalNumber)
-{
-    const char byte = static_cast<char>(signalNumber);
-    [[maybe_unused]] const auto written = ::write(g_stopPipe[1], &byte, 1);
-    std::signal(signalNumber, SIG_DFL);  // a second one ends the program the usual way
-}
-
-class StopSignals {
-public:
-    StopSignals()
-    {
-        if (::pipe2(g_stopPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-            return;
-        for (const int signalNumber : {SIGINT, SIGTERM, SIGHUP})
-            std::signal(signalNumber, onStopSignal);
-    }
-    ~StopSignals()
-    {
-        for (const int signalNumber : {SIGINT, SIGTERM, SIGHUP})
-            std::signal(signalNumber, SIG_DFL);
-        for (int& fd : g_stopPipe) {
-            if (fd >= 0)
-                ::close(fd);
-            fd = -1;
-        }
-    }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-    int readEnd() const { return g_stopPipe[0]; }
 };
 
 // Messages of the link go to stderr; the command line has no question to answer here.
@@ -219,9 +186,7 @@ int runFold(const FoldArgs& args)
     const StopSignals stopSignals;
     QSocketNotifier signalNotifier(stopSignals.readEnd(), QSocketNotifier::Read);
     QObject::connect(&signalNotifier, &QSocketNotifier::activated, qApp, [&] {
-        char bytes[16];
-        while (::read(stopSignals.readEnd(), bytes, sizeof bytes) > 0) {
-        }
+        stopSignals.drain();
         stop();
     });
 

@@ -23,6 +23,7 @@
 #include "base/data_folders.h"
 #include "cli/cli_commands.h"
 #include "cli/cli_machine.h"
+#include "cli/cli_run.h"
 #include "cli/input_files.h"
 #include "midi/resume_file.h"
 #include "plan/plan_checks.h"
@@ -56,42 +57,6 @@ void complain(const std::string& message)
     std::fprintf(stderr, "veltrin-cli play: %s\n", message.c_str());
 }
 
-// Stop signals reach the event loop through a pipe: the handler only writes a byte.
-int g_stopPipe[2] = {-1, -1};
-
-void onStopSignal(int signalNumber)
-{
-    const char byte = static_cast<char>(signalNumber);
-    [[maybe_unused]] const auto written = ::write(g_stopPipe[1], &byte, 1);
-    // A second one ends the program the usual way.
-    std::signal(signalNumber, SIG_DFL);
-}
-
-constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
-
-class StopSignals {
-public:
-    StopSignals()
-    {
-        if (::pipe2(g_stopPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-            return;
-        for (const int signalNumber : kStopSignals)
-            std::signal(signalNumber, onStopSignal);
-    }
-    ~StopSignals()
-    {
-        for (const int signalNumber : kStopSignals)
-            std::signal(signalNumber, SIG_DFL);
-        for (int& fd : g_stopPipe) {
-            if (fd >= 0)
-                ::close(fd);
-            fd = -1;
-        }
-    }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-    int readEnd() const { return g_stopPipe[0]; }
-};
 
 // --wav names a new file or a regular file to replace, never the song.
 std::string wavProblem(const std::string& wav, const std::string& song)
@@ -120,44 +85,14 @@ std::string seconds(double ms)
     return text;
 }
 
-// Decodes the song and writes its program (into a folder of its own, removed afterwards):
-// the playback list and, for --roll, the holes come from it. Nothing is saved.
+// The song's program in a folder of its own (cli_run.h): the playback list and, for --roll,
+// the holes come from it. Nothing is saved.
 int loadSong(const PlayArgs& args, AppState& state, const QTemporaryDir& scratch)
 {
-    std::vector<std::string> overrides = args.assignments;
-    if (!args.machine.empty())
-        overrides.push_back(std::string("Type_machine=") + (args.machine == "laser" ? "Laser" : "Punch"));
-    if (!args.scale.empty())
-        overrides.push_back("Standard=" + args.scale);
-    std::unique_ptr<QtSettingsStore> stored;
-    if (!startMachineRun("play", state, args.defaults, overrides, stored))
-        return kExitUsage;
-    const std::string& scale = state.settings.Standard;
-    if (!isBuiltInScale(scale) && scaleFilePath(state.dossier_documents, scale).empty()) {
-        complain("unknown scale \"" + scale + "\" (no " + instrumentsFolder(state.dossier_documents) + "/" + scale +
-                 ".txt)");
-        return kExitUsage;
-    }
-    // A resume file brings the settings of its program, checked by the generation.
-    if (!isResumePath(args.song)) {
-        if (auto checked = checkGenerationSettings(state.settings, state.scale); !checked) {
-            complain(checked.detail());
-            return kExitUsage;
-        }
-    }
-    state.programPathOverride = scratch.filePath(QStringLiteral("program.gcode")).toStdString();
-    ImportOptions options;
-    options.widthSearch = false;  // the travel order changes no hole
-    auto imported = Ouvre_midi(state, {args.song}, 0, options);
-    if (imported && imported->decoderError != 0) {
-        std::string message = imported->decoderMessage;
-        std::erase(message, '\r');
-        complain(message);
-    }
-    if (!imported) {
-        complain("cannot play " + args.song + ": " + imported.detail());
-        return kExitUsage;
-    }
+    if (const int loaded = loadSongForRun("play", {args.song, args.machine, args.scale, args.assignments, args.defaults},
+                                          state, scratch);
+        loaded != kExitOk)
+        return loaded;
     // The marks hold for this playback only; the program stays the whole song's.
     if (args.startMark)
         state.debut_marque = *args.startMark;
@@ -186,9 +121,7 @@ int playLive(const PlayArgs& args, const PlaybackPlan& plan, std::unique_ptr<Mid
     const StopSignals stopSignals;
     QSocketNotifier signalNotifier(stopSignals.readEnd(), QSocketNotifier::Read);
     QObject::connect(&signalNotifier, &QSocketNotifier::activated, QCoreApplication::instance(), [&] {
-        char bytes[16];
-        while (::read(stopSignals.readEnd(), bytes, sizeof bytes) > 0) {
-        }
+        stopSignals.drain();
         stopped = true;
         controller.stop();
     });

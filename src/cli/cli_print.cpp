@@ -19,6 +19,7 @@
 #include "app/song_import.h"
 #include "base/data_folders.h"
 #include "cli/cli_commands.h"
+#include "cli/cli_run.h"
 #include "cli/cli_machine.h"
 #include "cli/input_files.h"
 #include "midi/resume_file.h"
@@ -91,47 +92,6 @@ private:
     std::unique_ptr<QGuiApplication> m_application;
 };
 
-// Decodes the song and writes its program into a folder of its own, removed afterwards: the
-// holes come from it. Nothing is saved.
-int loadSong(const PrintArgs& args, AppState& state, const QTemporaryDir& scratch)
-{
-    std::vector<std::string> overrides = args.assignments;
-    if (!args.machine.empty())
-        overrides.push_back(std::string("Type_machine=") + (args.machine == "laser" ? "Laser" : "Punch"));
-    if (!args.scale.empty())
-        overrides.push_back("Standard=" + args.scale);
-    std::unique_ptr<QtSettingsStore> stored;
-    if (!startMachineRun("print", state, args.defaults, overrides, stored))
-        return kExitUsage;
-    const std::string& scale = state.settings.Standard;
-    if (!isBuiltInScale(scale) && scaleFilePath(state.dossier_documents, scale).empty()) {
-        complain("unknown scale \"" + scale + "\" (no " + instrumentsFolder(state.dossier_documents) + "/" + scale +
-                 ".txt)");
-        return kExitUsage;
-    }
-    // A resume file brings the settings of its program, checked by the generation.
-    if (!isResumePath(args.song)) {
-        if (auto checked = checkGenerationSettings(state.settings, state.scale); !checked) {
-            complain(checked.detail());
-            return kExitUsage;
-        }
-    }
-    state.programPathOverride = scratch.filePath(QStringLiteral("program.gcode")).toStdString();
-    ImportOptions options;
-    options.widthSearch = false;  // the travel order changes no hole
-    auto imported = Ouvre_midi(state, {args.song}, 0, options);
-    if (imported && imported->decoderError != 0) {
-        std::string message = imported->decoderMessage;
-        std::erase(message, '\r');
-        complain(message);
-    }
-    if (!imported) {
-        complain("cannot print " + args.song + ": " + imported.detail());
-        return kExitUsage;
-    }
-    return kExitOk;
-}
-
 int runPrint(const PrintArgs& args)
 {
     if (std::string problem = fileProblem(args.song); !problem.empty()) {
@@ -149,7 +109,9 @@ int runPrint(const PrintArgs& args)
         complain("no temporary folder for the song's program");
         return kExitFailed;
     }
-    if (const int loaded = loadSong(args, state, scratch); loaded != kExitOk)
+    if (const int loaded = loadSongForRun("print", {args.song, args.machine, args.scale, args.assignments, args.defaults},
+                                          state, scratch);
+        loaded != kExitOk)
         return loaded;
 
     PrintOptions options;

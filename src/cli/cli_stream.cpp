@@ -17,6 +17,7 @@
 
 #include "app/grbl_link.h"
 #include "cli/cli_commands.h"
+#include "cli/cli_run.h"
 #include "cli/cli_machine.h"
 #include "cli/input_files.h"
 #include "midi/resume_file.h"
@@ -35,43 +36,6 @@ struct StreamArgs {
     std::string onError;  // "continue", "stop", or empty: ask on a terminal, else stop
 };
 
-// Stop signals reach the event loop through a pipe: the handler only writes a byte.
-int g_signalPipe[2] = {-1, -1};
-
-void onStopSignal(int signalNumber)
-{
-    const char byte = static_cast<char>(signalNumber);
-    [[maybe_unused]] const auto written = ::write(g_signalPipe[1], &byte, 1);
-    // A second one ends the program the usual way.
-    std::signal(signalNumber, SIG_DFL);
-}
-
-constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
-
-// The stop signals go to the pipe while it lives.
-class StopSignals {
-public:
-    StopSignals()
-    {
-        if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-            return;
-        for (const int signalNumber : kStopSignals)
-            std::signal(signalNumber, onStopSignal);
-    }
-    ~StopSignals()
-    {
-        for (const int signalNumber : kStopSignals)
-            std::signal(signalNumber, SIG_DFL);
-        for (int& fd : g_signalPipe) {
-            if (fd >= 0)
-                ::close(fd);
-            fd = -1;
-        }
-    }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-    int readEnd() const { return g_signalPipe[0]; }
-};
 
 // Continue (true) or Stop for a hold when nobody is asked: --on-error for Grbl's errors and
 // alarms; a limit alarm, a silent or restarted controller always stop.
@@ -234,9 +198,7 @@ int runStream(const StreamArgs& args)
     const StopSignals stopSignals;
     QSocketNotifier signalNotifier(stopSignals.readEnd(), QSocketNotifier::Read);
     QObject::connect(&signalNotifier, &QSocketNotifier::activated, QCoreApplication::instance(), [&] {
-        char bytes[16];
-        while (::read(stopSignals.readEnd(), bytes, sizeof bytes) > 0) {
-        }
+        stopSignals.drain();
         stop();
     });
 
