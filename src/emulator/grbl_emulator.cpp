@@ -6,6 +6,8 @@
 #include <limits>
 #include <vector>
 
+#include "machine/grbl_planner.h"
+
 namespace veltrin {
 
 namespace {
@@ -20,41 +22,6 @@ struct Word {
     double value;
 };
 
-// Grbl's read_float: optional sign, digits with at most one ".", at least one digit.
-bool readNumber(std::string_view text, std::size_t& pos, double& value)
-{
-    std::size_t i = pos;
-    bool negative = false;
-    if (i < text.size() && (text[i] == '-' || text[i] == '+')) {
-        negative = text[i] == '-';
-        ++i;
-    }
-    double whole = 0;
-    double scale = 1;
-    bool digits = false;
-    bool point = false;
-    for (; i < text.size(); ++i) {
-        const char c = text[i];
-        if (c >= '0' && c <= '9') {
-            digits = true;
-            if (point) {
-                scale /= 10;
-                whole += (c - '0') * scale;
-            } else {
-                whole = whole * 10 + (c - '0');
-            }
-        } else if (c == '.' && !point) {
-            point = true;
-        } else {
-            break;
-        }
-    }
-    if (!digits)
-        return false;
-    value = negative ? -whole : whole;
-    pos = i;
-    return true;
-}
 
 // Splits a cleaned line into letter-number words; returns Grbl's error code on failure.
 std::optional<int> parseWords(std::string_view text, std::vector<Word>& words)
@@ -66,7 +33,7 @@ std::optional<int> parseWords(std::string_view text, std::vector<Word>& words)
             return 1;  // expected command letter
         ++pos;
         double value = 0;
-        if (!readNumber(text, pos, value))
+        if (!readGrblNumber(text, pos, value))
             return 2;  // bad number format
         words.push_back({letter, value});
     }
@@ -751,11 +718,11 @@ std::optional<int> GrblEmulator::executeSystem(int lineNo, const std::string& li
     if (line.size() > 1 && line[1] >= '0' && line[1] <= '9') {
         std::size_t pos = 1;
         double number = 0;
-        if (!readNumber(line, pos, number) || pos >= line.size() || line[pos] != '=')
+        if (!readGrblNumber(line, pos, number) || pos >= line.size() || line[pos] != '=')
             return 3;
         ++pos;
         double value = 0;
-        if (!readNumber(line, pos, value) || pos != line.size())
+        if (!readGrblNumber(line, pos, value) || pos != line.size())
             return 2;
         int settingNumber = 0;
         if (!isWhole(number, settingNumber) || !m_settings.count(settingNumber))

@@ -362,6 +362,39 @@ void GrblPlanner::recalculate()
     }
 }
 
+bool readGrblNumber(std::string_view text, std::size_t& pos, double& value)
+{
+    std::size_t i = pos;
+    const bool negative = i < text.size() && text[i] == '-';
+    if (i < text.size() && (text[i] == '-' || text[i] == '+'))
+        ++i;
+    double whole = 0;
+    double scale = 1;
+    bool digits = false;
+    bool point = false;
+    for (; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c >= '0' && c <= '9') {
+            digits = true;
+            if (point) {
+                scale /= 10;
+                whole += (c - '0') * scale;
+            } else {
+                whole = whole * 10 + (c - '0');
+            }
+        } else if (c == '.' && !point) {
+            point = true;
+        } else {
+            break;
+        }
+    }
+    if (!digits)
+        return false;
+    value = negative ? -whole : whole;
+    pos = i;
+    return true;
+}
+
 namespace {
 
 constexpr std::uint32_t kJogTag = 1;
@@ -416,39 +449,6 @@ CleanLine cleanLine(std::string_view raw)
     return line;
 }
 
-// Grbl's number: an optional sign, digits with at most one ".", at least one digit.
-bool readNumber(std::string_view text, std::size_t& pos, double& value)
-{
-    std::size_t i = pos;
-    const bool negative = i < text.size() && text[i] == '-';
-    if (i < text.size() && (text[i] == '-' || text[i] == '+'))
-        ++i;
-    double whole = 0;
-    double scale = 1;
-    bool digits = false;
-    bool point = false;
-    for (; i < text.size(); ++i) {
-        const char c = text[i];
-        if (c >= '0' && c <= '9') {
-            digits = true;
-            if (point) {
-                scale /= 10;
-                whole += (c - '0') * scale;
-            } else {
-                whole = whole * 10 + (c - '0');
-            }
-        } else if (c == '.' && !point) {
-            point = true;
-        } else {
-            break;
-        }
-    }
-    if (!digits)
-        return false;
-    value = negative ? -whole : whole;
-    pos = i;
-    return true;
-}
 
 // The model of one run of a program through Grbl, line after line, with a host that sends
 // the next line as soon as the last is answered: the machine runs the oldest planner block
@@ -558,10 +558,10 @@ private:
             std::size_t pos = 1;
             double number = 0;
             double value = 0;
-            if (!readNumber(text, pos, number) || pos >= text.size() || text[pos] != '=')
+            if (!readGrblNumber(text, pos, number) || pos >= text.size() || text[pos] != '=')
                 return 3;
             ++pos;
-            if (!readNumber(text, pos, value) || pos != text.size())
+            if (!readGrblNumber(text, pos, value) || pos != text.size())
                 return 2;
             if (!m_planner.empty())
                 return 8;  // settings are written only at rest
@@ -621,7 +621,7 @@ private:
         for (std::size_t pos = 0; pos < text.size();) {
             const char letter = text[pos++];
             double value = 0;
-            if (!readNumber(text, pos, value))
+            if (!readGrblNumber(text, pos, value))
                 return 2;
             switch (letter) {
             case 'G':
@@ -679,7 +679,7 @@ private:
             if (letter < 'A' || letter > 'Z')
                 return 1;
             double value = 0;
-            if (!readNumber(text, pos, value))
+            if (!readGrblNumber(text, pos, value))
                 return 2;
             long tenths = 0;
             if (letter == 'G' || letter == 'M') {

@@ -190,4 +190,8 @@ MachineTime estimateProgramText(std::string_view text, const GrblSettings& setti
 // "Machine time (Grbl model) : hh:mm:ss" (hours go past 24 rather than wrap).
 std::string machineTimeLine(double seconds);
 
+// Grbl's read_float: an optional sign, digits with at most one ".", at least one digit, read
+// from text at pos; pos moves past it. False (pos unchanged) when there is no number there.
+bool readGrblNumber(std::string_view text, std::size_t& pos, double& value);
+
 }  // namespace veltrin
