@@ -17,5 +17,6 @@ if [ "${CI:-}" = "true" ] || [ "${VELTRIN_SANITIZE:-}" = "1" ]; then
   cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DVELTRIN_SANITIZE=ON \
         -DBUILD_GUI=OFF -DBUILD_BENCHMARKS=OFF
   cmake --build build-sanitize -j"$jobs"
-  ctest --test-dir build-sanitize --output-on-failure -j"$jobs"
+  LSAN_OPTIONS="suppressions=$PWD/tests/sanitizer/lsan.supp" \
+    ctest --test-dir build-sanitize --output-on-failure -j"$jobs"
 fi
