@@ -129,6 +129,10 @@ struct AppState {
     bool pointeur_laser = false;
     // Text2: the job's remaining time, "hh:mm:ss".
     std::string Text2 = "00:00:00";
+    // The report of a program gives the machine time of Grbl's planner beside the writer's
+    // estimate. The window clears this and logs that line itself once the roll is redrawn (the
+    // model takes tens of ms on a long song), so that an edit redraws the roll at once.
+    bool machineTimeInReport = true;
     // The machine's own settings, the "$N=value" lines of its last "$$" answer (the window keeps
     // them per port between runs); empty: Grbl's defaults. The machine-time model reads them.
     std::vector<std::string> grblSettingsLines;

@@ -218,7 +218,7 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
         state.user_msg_list.append(line);
         // Beside the writer's figure, the time Grbl's planner will really take with this
         // machine's rates and accelerations.
-        if (line.starts_with("Estimated punch duration"))
+        if (state.machineTimeInReport && line.starts_with("Estimated punch duration"))
             state.user_msg_list.append(machineTimeLine(estimateProgramText(program.text, machineSettings(state)).seconds));
     }
     // A program of no hole is written (the song may be meant so), but never silently.

@@ -51,6 +51,7 @@
 #include "app/settings_store.h"
 #include "app/song_import.h"
 #include "app/startup.h"
+#include "machine/grbl_planner.h"
 #include "machine/grbl_protocol.h"
 #include "machine/serial_port_qt.h"
 #include "view/playback_qt.h"
@@ -192,6 +193,7 @@ struct MainWindow::Private {
     QAction* liveFoldsAction = nullptr;
     QAction* foldFileAction = nullptr;
     int foldHoldsSeen = 0;
+    bool machineTimeDue = false;
     QAction* bestTranspositionAction = nullptr;
     QAction* verifyAction = nullptr;
     QAction* printAction = nullptr;
@@ -204,6 +206,7 @@ MainWindow::MainWindow(AppState& state, SettingsStore& store, QWidget* parent)
 {
     d->state = &state;
     d->store = &store;
+    state.machineTimeInReport = false;
     d->port = std::make_unique<MachinePort>(state);
     d->port->link().setHost(this);
     d->upload = new FirmwareUpload(*d->port, this);
@@ -794,9 +797,24 @@ void MainWindow::afterGeneration(bool ok, const std::string& detail)
 void MainWindow::refreshRoll()
 {
     d->lastProgress = -1;
+    // The machine time of the program just written follows the report once the roll is drawn.
+    if (d->state->punchEnabled && !d->state->chemin_morceau.empty() && !d->machineTimeDue) {
+        d->machineTimeDue = true;
+        QTimer::singleShot(0, this, &MainWindow::logMachineTime);
+    }
     d->picture = std::make_shared<const RollPicture>(rollPictureOf(*d->state));
     d->roll->setPicture(d->picture);
     refreshMarks();
+}
+
+void MainWindow::logMachineTime()
+{
+    d->machineTimeDue = false;
+    std::ifstream file(programPath(*d->state), std::ios::binary);
+    if (!file)
+        return;
+    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    d->port->link().logLine(machineTimeLine(estimateProgramText(text, machineSettings(*d->state)).seconds));
 }
 
 void MainWindow::refreshMarks()

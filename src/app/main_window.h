@@ -112,6 +112,8 @@ private:
     void regenerate();
     void afterGeneration(bool ok, const std::string& detail);
     void refreshRoll();
+    // "Machine time (Grbl model) : ..." of the program last written, in the log.
+    void logMachineTime();
     void refreshMarks();
     void refreshState();
     void refreshLog();

@@ -167,7 +167,9 @@ TEST_F(MainWindowTest, OpenedSongIsDrawnAndItsSettingEditsRedrawTheRoll)
     EXPECT_TRUE(std::filesystem::exists(programPath(m_state)));
     EXPECT_TRUE(QTest::qWaitFor([&] { return shownLog().contains(QStringLiteral("Midi file de-assembling")); }, 2000));
     // Beside the writer's estimate, the time of Grbl's planner (Grbl's defaults: no board yet).
-    EXPECT_NE(log().find("Machine time (Grbl model) : "), std::string::npos) << log();
+    // (logged once the roll is drawn, after the report)
+    EXPECT_TRUE(QTest::qWaitFor([&] { return log().find("Machine time (Grbl model) : ") != std::string::npos; }, 3000))
+        << log();
     // The roll on paper, true to scale.
     const QString pdf = QString::fromStdString((m_documents.path() / "roll.pdf").string());
     window().printRollTo(pdf);
