@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <limits>
 
 #include "app/arranging.h"
@@ -187,6 +188,12 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
         state.gauge1_value = static_cast<int>(state.List_GC_Finale.size()) - 1;
     state.writtenHoles = std::move(program.holes);
     const std::string path = programPath(state);
+    // Grbl's model times the program on another core while the file is written.
+    std::future<MachineTime> machineTime;
+    if (state.machineTimeInReport)
+        machineTime = std::async(std::launch::async, [&text = program.text, settings = machineSettings(state)] {
+            return estimateProgramText(text, settings);
+        });
     auto written = writeAtomically(path, program.text);
     if (!written)
         return written;
@@ -218,8 +225,8 @@ Result<std::string, PlanError> Genere_GCode(AppState& state, bool garder_notes,
         state.user_msg_list.append(line);
         // Beside the writer's figure, the time Grbl's planner will really take with this
         // machine's rates and accelerations.
-        if (state.machineTimeInReport && line.starts_with("Estimated punch duration"))
-            state.user_msg_list.append(machineTimeLine(estimateProgramText(program.text, machineSettings(state)).seconds));
+        if (machineTime.valid() && line.starts_with("Estimated punch duration"))
+            state.user_msg_list.append(machineTimeLine(machineTime.get().seconds));
     }
     // A program of no hole is written (the song may be meant so), but never silently.
     if (state.writtenHoles.empty()) {
