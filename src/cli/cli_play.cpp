@@ -57,7 +57,6 @@ void complain(const std::string& message)
     std::fprintf(stderr, "veltrin-cli play: %s\n", message.c_str());
 }
 
-
 // --wav names a new file or a regular file to replace, never the song.
 std::string wavProblem(const std::string& wav, const std::string& song)
 {

@@ -15,24 +15,14 @@
 #include "app/grbl_link.h"
 #include "machine/serial_port_qt.h"
 #include "support/emulator_process.h"
+#include "support/wait_until.h"
 
 namespace veltrin {
 namespace {
 
 using Lines = std::vector<std::string>;
 
-bool waitUntil(const std::function<bool()>& done, int timeoutMs)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeoutMs)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        usleep(200);
-    }
-    return true;
-}
+using testing::waitUntil;
 
 class Host : public JobHost {
 public:

@@ -21,6 +21,7 @@
 #include "machine/process_runner_qt.h"
 #include "machine/serial_port_qt.h"
 #include "support/emulator_process.h"
+#include "support/wait_until.h"
 
 namespace veltrin {
 namespace {
@@ -45,18 +46,7 @@ TEST(FirmwareArguments, OnePerMenuEntryAndOnlyTheOldNanoAt57600)
                      "/usr/share/veltrin/Veltrin_uploader/Binaire/Veltrin_grblUpload.hex"}));
 }
 
-bool waitUntil(const std::function<bool()>& done, int timeoutMs)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeoutMs)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        usleep(200);
-    }
-    return true;
-}
+using testing::waitUntil;
 
 class Host : public JobHost {
 public:

@@ -26,24 +26,14 @@
 #include "machine/serial_port_qt.h"
 #include "midi/resume_file.h"
 #include "support/emulator_process.h"
+#include "support/wait_until.h"
 
 namespace veltrin {
 namespace {
 
 using test::EmulatorProcess;
 
-bool waitUntil(const std::function<bool()>& done, int timeoutMs)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeoutMs)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        usleep(200);
-    }
-    return true;
-}
+using testing::waitUntil;
 
 std::vector<std::string> readLines(const QString& path)
 {
